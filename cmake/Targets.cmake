@@ -1,0 +1,29 @@
+# Flags for every target, and one function for each kind of target.
+include(CheckPIESupported)
+check_pie_supported()
+
+add_library(qora_warnings INTERFACE)
+target_compile_options(qora_warnings INTERFACE -Wall -Wextra -Wshadow -Werror)
+target_include_directories(qora_warnings INTERFACE ${PROJECT_SOURCE_DIR})
+
+# What ships: no exceptions, no run-time types, hardened.
+add_library(qora_product INTERFACE)
+target_link_libraries(qora_product INTERFACE qora_warnings)
+target_compile_options(qora_product INTERFACE -fno-exceptions -fno-rtti -fstack-protector-strong)
+if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64")
+  target_compile_options(qora_product INTERFACE -fcf-protection)
+endif()
+if(CMAKE_BUILD_TYPE STREQUAL "Release" OR CMAKE_BUILD_TYPE STREQUAL "RelWithDebInfo")
+  target_compile_definitions(qora_product INTERFACE _FORTIFY_SOURCE=2)
+endif()
+target_link_options(qora_product INTERFACE LINKER:-z,relro,-z,now)
+
+function(qora_library name)
+  add_library(${name} STATIC ${ARGN})
+  target_link_libraries(${name} PUBLIC qora_product)
+endfunction()
+
+function(qora_executable name)
+  add_executable(${name} ${ARGN})
+  target_link_libraries(${name} PRIVATE qora_product)
+endfunction()
