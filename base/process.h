@@ -4,13 +4,38 @@
 // errno as the failing call set it.
 #pragma once
 
+#include <grp.h>
+#include <pwd.h>
 #include <sys/types.h>
 
 #include <cstdint>
 
 namespace qora::process {
 
-// --- priority (process_status.cc) ---
+// --- status (process_status.cc) ---
+
+// Sends SIGKILL to this process and waits for its end.
+[[noreturn]] void killSelf();
+
+// 1 when the process takes signals from this one, 0 when there is none of that id, or -1 (EPERM: it
+// is another user's). The second name is the same.
+[[nodiscard]] int32_t isProcessAlive(pid_t process);
+[[nodiscard]] int32_t isAlive(pid_t process);
+
+// What a status of the wait calls tells. Tests give 1 or 0; a signal's number or name means
+// something only when its test gives 1.
+int32_t exitedNormally(int32_t status);
+int32_t exitStatus(int32_t status);
+int32_t killedBySignal(int32_t status);
+int32_t terminationSignal(int32_t status);
+const char* terminationSignalName(int32_t status);
+int32_t stoppedBySignal(int32_t status);
+int32_t stopSignal(int32_t status);
+const char* stopSignalName(int32_t status);
+
+// One number for how a process ended: its exit status, or 4 when a signal killed it. Any other
+// status comes back unchanged behind a warning.
+int32_t exitCode(int32_t status);
 
 // Priority classes, understood wherever a niceness value is.
 constexpr int32_t kLowestPriority = 100;   // niceness 19
@@ -24,11 +49,67 @@ int32_t mapPriority(int32_t value);
 // Gives this process the niceness or priority class. 1, or -1.
 int32_t setPriority(int32_t value);
 
+// Adds to the niceness of this process. 1, or -1.
+int32_t changePriority(int32_t increment);
+
+// --- names (process_status.cc) ---
+
+const char* defaultHostName();  // "localhost"
+// The variable HOSTNAME itself, not a copy, even when empty; the default name when it is not set.
+const char* hostName();
+// 1 for one of the names of the loopback host, else 0; names compare byte for byte.
+int32_t isLocalHostName(const char* name);
+
+// The variable TEMP, else TMP, whichever is set and not empty, else "/tmp". Not a copy.
+const char* temporaryDirectory();
+
+// A name that is new as far as thread and clock tell; no file is made or looked for. A null
+// directory means temporaryDirectory(), a null prefix "T-". An empty directory gives the bare name
+// behind a warning. Released with free; null when there is no memory.
+[[nodiscard]] char* temporaryName(const char* directory, const char* prefix);
+
 // --- identity (process_identity.cc) ---
 
 // Changes the user or group id as setuid and setgid do. 1, or -1.
 [[nodiscard]] int32_t setUserId(uid_t user);
 [[nodiscard]] int32_t setGroupId(gid_t group);
+
+// Looks a user or group up by name or id. 1: the record is filled and its texts stand in `scratch`,
+// an array that the caller deletes. -1 (ENOENT: unknown): `scratch` is null.
+[[nodiscard]] int32_t lookupUser(const char* name, passwd& record, char*& scratch);
+[[nodiscard]] int32_t lookupGroup(const char* name, group& record, char*& scratch);
+[[nodiscard]] int32_t lookupUserById(uid_t id, passwd& record, char*& scratch);
+[[nodiscard]] int32_t lookupGroupById(gid_t id, group& record, char*& scratch);
+
+// The id of a name, or -1.
+[[nodiscard]] int32_t userIdOf(const char* name);
+[[nodiscard]] int32_t groupIdOf(const char* name);
+// Puts the name of an id into the string slot. 1, or -1 with the slot as it was.
+[[nodiscard]] int32_t userNameOf(char*& slot, uid_t id);
+[[nodiscard]] int32_t groupNameOf(char*& slot, gid_t id);
+
+// --- parameter text (process_identity.cc): key=value items joined by "," ---
+
+// Inside a key or value "," "=" and the blank are stored as 0x1E, 0x1D and 0x1F. Both in place.
+void escapeParameter(char* text);
+void unescapeParameter(char* text);
+
+// 1 for a text without "=" and "," that is shorter than `limit` bytes, else -1; a blank passes.
+// Limit 0 means 1024, -1 any length.
+int32_t isValidParameterText(const char* text, int32_t limit);
+// 1 when the key passes with limit 0 and the value with `limit`, else -1.
+int32_t isValidParameter(const char* key, const char* value, int32_t limit);
+
+// The decimal number that the text begins with, or -1 when it begins with no digit or the number
+// does not fit.
+int32_t parseCount(const char* text);
+
+// 1 when the list item that begins at `position` is exactly the key, else 0; so a key that holds a
+// "," is never one.
+int32_t isItem(const char* position, const char* key);
+
+// string::replacePrefix; 0 also when the prefix or the replacement is null or empty.
+int32_t replaceParameterPrefix(char*& slot, const char* prefix, const char* replacement);
 
 // --- start (process_start.cc) ---
 

@@ -10,9 +10,14 @@
 namespace qora::process {
 namespace {
 
-// The second line of a failure.
-void logError(int32_t error) {
-  logStream() << "Process: WARNING! Error is " << error << " '" << errorText(error) << "'.\n";
+// Tells a failure in two lines, the first made of `pieces`, and returns -1. errno stays.
+template <typename... Pieces>
+int32_t failed(const Pieces&... pieces) {
+  KeepErrno keep;
+  (logStream() << "Process: WARNING! " << ... << pieces) << "\n";
+  logStream() << "Process: WARNING! Error is " << keep.value << " '" << orNil(errorText(keep.value))
+              << "'.\n";
+  return -1;
 }
 
 // Makes `from` the descriptor `role` too. 1, or 0 when the role keeps what it has.
@@ -69,16 +74,10 @@ int32_t execProgram(const char* path, int32_t /*count*/, const char* const argum
   char* const* argv = const_cast<char* const*>(arguments);
   if (environment != nullptr) {
     ::execve(path, argv, const_cast<char* const*>(environment));
-    KeepErrno keep;
-    logStream() << "Process: WARNING! Function execve() for '" << path << "' failed.\n";
-    logError(keep.value);
-    return -1;
+    return failed("Function execve() for '", path, "' failed.");
   }
   ::execvp(path, argv);
-  KeepErrno keep;
-  logStream() << "Process: WARNING! Function execvp() for '" << path << "' failed.\n";
-  logError(keep.value);
-  return -1;
+  return failed("Function execvp() for '", path, "' failed.");
 }
 
 pid_t createProcess(const void* /*unused*/, const char* const program[],
@@ -92,11 +91,7 @@ pid_t createProcess(const void* /*unused*/, const char* const program[],
     return -1;
   }
   const pid_t child = forkProcess();
-  if (child == -1) {
-    KeepErrno keep;
-    logStream() << "Process: WARNING! Function fork() failed.\n";
-    logError(keep.value);
-  }
+  if (child == -1) return failed("Function fork() failed.");
   if (child != 0) return child;
 
   logger().mode = 0;  // what the child reports must not reach the parent's streams
@@ -114,7 +109,7 @@ int32_t detachFromTerminal() {
   KeepErrno keep;
   logStream() << "Process: WARNING! Detach from terminal failed.\n";
   // "Provess" is meant: whoever filters our logs knows this line by it.
-  logStream() << "Provess: WARNING! Error is " << keep.value << " '" << errorText(keep.value)
+  logStream() << "Provess: WARNING! Error is " << keep.value << " '" << orNil(errorText(keep.value))
               << "'.\n";
   return -1;
 }
