@@ -32,8 +32,11 @@ X264_HEADER_USERS = ["bridge/installed_encoder.cc", "tests/bridge/*", "tests/e2e
 BASE_ARROWS = {
     "keep_errno": [],
     "logger": ["keep_errno", "mutex"],
-    "mutex": ["logger"],
     "error_names": ["logger"],
+    "mutex": ["logger"],
+    "library": ["logger"],
+    "socket": ["keep_errno", "logger"],
+    "file": ["keep_errno", "logger", "socket"],
 }
 
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]', re.MULTILINE)
