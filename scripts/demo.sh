@@ -32,9 +32,10 @@ trap finish EXIT
 trap 'exit 130' INT
 trap 'exit 143' TERM
 
+# fail MESSAGE [LOG]
 fail() {
   echo "demo.sh: $1" >&2
-  cat "$work"/*.log >&2 2>/dev/null || true
+  [[ ! -s ${2:-} ]] || cat "$2" >&2
   exit 1
 }
 
@@ -48,7 +49,7 @@ start() {
 start_window() {
   start "${@:2}"
   timeout 20 xdotool search --sync --onlyvisible --class "$1" >/dev/null ||
-    fail "no window of class $1 came up"
+    fail "no window of class $1 came up" "$work/$2.log"
 }
 
 scroll_sources() {
@@ -65,7 +66,7 @@ start_screen() {
   mkfifo "$work/display"
   start Xvfb -displayfd 3 -screen 0 "${width}x${height}x24" \
     -nolisten tcp -noreset 3<>"$work/display"
-  read -r -t 20 number <"$work/display" || fail "no X server came up"
+  read -r -t 20 number <"$work/display" || fail "no X server came up" "$work/Xvfb.log"
   export DISPLAY=:$number
 }
 
