@@ -70,10 +70,6 @@ Logger::Logger()
       nullStream(new std::ofstream),
       savedErrorBuffer(std::clog.rdbuf()) {}
 
-Logger::~Logger() {
-  delete nullStream;
-}
-
 std::ostream& Logger::logStream() {
   if (mode == 0) return *nullStream;
   KeepErrno keep;

@@ -15,8 +15,9 @@
 
 namespace qora {
 
-// One output of the logger: where it goes now, the stream it replaced last (kept for whoever still
-// holds it, deleted at the next replacement), and the file's name when it is a file (array, owned).
+// One output of the logger: where it goes now (std::clog, or a stream that the logger owns), the
+// stream it replaced last (kept for whoever still holds it: what is written to it goes to standard
+// error; deleted at the next replacement), and the file's name when it is a file (array, owned).
 struct LogSlot {
   std::ostream* stream;
   std::ostream* retired = nullptr;
@@ -50,6 +51,32 @@ struct Logger {
   void flushAll();
   // Writes `text` and a "/" behind the log prefix; a null text sets the stream's fail state.
   void logText(const char* text);
+
+  // Where the outputs go. Results: 1 done; 0 nothing to do: no name, no stream, or, for log and
+  // error, not `configurable`; -1 with errno when the file cannot be opened, and the output stays
+  // as it was. The mutex is not taken: configure while one thread logs.
+  //
+  // A file is appended to and, when it is new, readable by its owner only. Opening is tried five
+  // times. `dir` may be null or empty.
+  int32_t setLogFile(const char* dir, const char* name);
+  int32_t setErrorFile(const char* dir, const char* name);  // std::clog goes along
+  int32_t setThirdFile(const char* dir, const char* name);
+  // The stream, made by new, passes to the logger and serves one output only; &std::clog puts the
+  // output back.
+  int32_t setLogStream(std::ostream* stream);
+  int32_t setErrorStream(std::ostream* stream);  // std::clog goes along
+  int32_t setThirdStream(std::ostream* stream);
+  // Empties the output's file once it holds `limit` bytes or more; never for a negative limit or an
+  // output that is no file. -1: it could not be opened again, the output is back on std::clog.
+  int32_t truncateLogFile(int64_t limit);
+  int32_t truncateErrorFile(int64_t limit);
+  int32_t truncateThirdFile(int64_t limit);
+
+ private:
+  void replaceStream(LogSlot& slot, std::ostream* stream);
+  int32_t setFile(LogSlot& slot, const char* dir, const char* name);
+  int32_t setStream(LogSlot& slot, std::ostream* stream);
+  int32_t truncateFile(LogSlot& slot, int64_t limit);
 };
 
 // The process's logger, built before main and destroyed at exit, and the one mutex of all loggers.

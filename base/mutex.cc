@@ -1,5 +1,7 @@
 #include "base/mutex.h"
 
+#include <ctime>
+
 #include "base/logger.h"
 
 namespace qora::mutex {
@@ -14,6 +16,22 @@ int32_t initRecursive(pthread_mutex_t* mutex) {
   return ready ? 1 : -1;
 }
 
+constexpr int32_t kNanosecondsInSecond = 1000000000;
+
+// The wall clock's time in `timeout` milliseconds, now for one of 0 or less.
+timespec deadlineIn(int32_t timeout) {
+  timespec time;
+  clock_gettime(CLOCK_REALTIME, &time);
+  if (timeout <= 0) return time;
+  time.tv_sec += timeout / 1000;
+  time.tv_nsec += (timeout % 1000) * 1000000;
+  if (time.tv_nsec >= kNanosecondsInSecond) {
+    time.tv_sec += 1;
+    time.tv_nsec -= kNanosecondsInSecond;
+  }
+  return time;
+}
+
 }  // namespace
 
 void initMutex(pthread_mutex_t* mutex) {
@@ -24,6 +42,16 @@ void initMutex(pthread_mutex_t* mutex) {
 
 void destroyMutex(pthread_mutex_t* mutex) {
   pthread_mutex_destroy(mutex);
+}
+
+int32_t lockMutexTimed(pthread_mutex_t* mutex, int32_t timeout) {
+  const timespec deadline = deadlineIn(timeout);
+  return pthread_mutex_timedlock(mutex, &deadline) == 0;
+}
+
+void lockMutexSpinning(pthread_mutex_t* mutex) {
+  while (pthread_mutex_trylock(mutex) != 0) {
+  }
 }
 
 void resetMutex(pthread_mutex_t* mutex) {
