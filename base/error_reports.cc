@@ -79,12 +79,12 @@ void reportNotImplemented(const char* className, const char* method, const char*
 
 void reportNotImplemented(const char* className, int32_t value, const char* method,
                           const char* context) {
-  report(ENOSYS, {className, method, context}, ValueEnd{value}, "Not implemented");
+  report(ENOSYS, {className, method, context}, ValueEnd<int32_t>{value}, "Not implemented");
 }
 
 void reportNotImplemented(const char* className, const void* value, const char* method,
                           const char* context) {
-  report(ENOSYS, {className, method, context}, ValueEnd{value}, "Not implemented");
+  report(ENOSYS, {className, method, context}, ValueEnd<const void*>{value}, "Not implemented");
 }
 
 void reportAllocationFailed(const char* className, const char* method, const char* context) {
