@@ -25,7 +25,15 @@ void reportError(const Pieces&... pieces) {
   (errorStream() << ... << pieces) << "\n";
 }
 
-// The same with "Socket: WARNING! " and the warning stream.
+// The same, and ErrorIs as a line of its own.
+template <typename... Pieces>
+void reportErrorInTwoLines(const Pieces&... pieces) {
+  const ErrorIs reason;
+  reportError(pieces...);
+  reportError(reason);
+}
+
+// One line with "Socket: WARNING! " and the warning stream.
 template <typename... Pieces>
 void reportWarning(const Pieces&... pieces) {
   KeepErrno keep;

@@ -1,0 +1,13 @@
+#!/usr/bin/env bash
+# Usage: scripts/build.sh [PRESET]
+# Builds everything into build/PRESET (release, debug, clang or asan; release when none is given).
+# QORA_SKIP_SETUP=1 leaves the machine's packages alone.
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+
+preset=${1:-release}
+if [[ ${QORA_SKIP_SETUP:-0} != 1 ]]; then
+  scripts/setup.sh
+fi
+cmake --preset "$preset"
+cmake --build --preset "$preset"

@@ -1,0 +1,5 @@
+#include "service/loop.h"
+
+int main() {
+  return qora::service::runService();
+}

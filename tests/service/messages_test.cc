@@ -1,0 +1,92 @@
+#include "service/messages.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "service/byte_order.h"
+
+namespace qora::service {
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+template <size_t Size>
+Bytes bytesOf(const std::array<uint8_t, Size>& message) {
+  return {message.begin(), message.end()};
+}
+
+TEST(Messages, StandOnTheWireAsParentsKnowThem) {
+  EXPECT_EQ(bytesOf(buildAddStream({0x04, 7, 2, 0x1234, 10, 51, 1920, 1080})),
+            (Bytes{16, 0, 0, 0, 0, 4, 7, 2, 0x34, 0x12, 10, 51, 0x80, 7, 0x38, 4}));
+  EXPECT_EQ(bytesOf(buildRemoveStream(3)), (Bytes{8, 0, 0, 0, 1, 0, 3, 0}));
+  EXPECT_EQ(bytesOf(buildSegmentMessage(CommandType::attachSegment, 0x01020304)),
+            (Bytes{12, 0, 0, 0, 3, 0, 0, 0, 4, 3, 2, 1}));
+  EXPECT_EQ(bytesOf(buildSegmentMessage(CommandType::removeSegment, -1)),
+            (Bytes{12, 0, 0, 0, 4, 0, 0, 0, 255, 255, 255, 255}));
+  EXPECT_EQ(bytesOf(buildEncodeHead({5, 1, 24, {0, 0x100, 0x200}, {64, 32, 33}, 16})),
+            (Bytes{84, 0, 0, 0, 2, 0, 5,  1, 0, 0, 0, 0, 24, 0, 0,  0, 0, 0, 0,  0, 64, 0,
+                   0,  0, 0, 1, 0, 0, 32, 0, 0, 0, 0, 2, 0,  0, 33, 0, 0, 0, 16, 0, 0,  0}));
+  EXPECT_EQ(bytesOf(buildReplyHead({1, 30, 0x01020304, 0x0A0B0C0D, 0xFFFFFFFE})),
+            (Bytes{20, 0, 0, 0, 5, 1, 30, 0, 4, 3, 2, 1, 13, 12, 11, 10, 254, 255, 255, 255}));
+  Bytes entry(kRectangleSize);
+  buildRectangle({-2, 1, 0x0203, 4, 5}, entry.data());
+  EXPECT_EQ(entry, (Bytes{254, 0, 0, 0, 1, 0, 3, 2, 4, 0, 5, 0}));
+  entry.resize(kRegionCopySize);
+  buildRegionCopy({6, 1, 2, 3, 4, 5, 0x0607}, entry.data());
+  EXPECT_EQ(entry, (Bytes{0, 0, 0, 6, 1, 0, 2, 0, 3, 0, 4, 0, 5, 0, 7, 6}));
+}
+
+TEST(Messages, AreParsedFromTheSamePlaces) {
+  const auto add = parseAddStream(buildAddStream({4, 7, 2, 300, 10, 51, 1920, 1080}).data());
+  EXPECT_EQ(add.flags * 1000000 + add.streamId * 10000 + add.threads * 1000 + add.bitrate, 4072300);
+  EXPECT_EQ(add.qpMin + add.qpMax * 100 + add.width * 10000 + add.height, 19206190);
+  const auto encode =
+      parseEncodeRequest(buildEncodeHead({5, 1, 24, {1, 2, 3}, {4, 5, 6}, 16}).data());
+  EXPECT_EQ(encode.streamId, 5);
+  EXPECT_EQ(encode.invalidate, 1);
+  EXPECT_EQ(encode.rectangleBytes * 100 + encode.copyBytes, 2416U);
+  for (uint32_t plane = 0; plane < 3; ++plane) {
+    EXPECT_EQ(encode.planeOffset[plane], 1 + plane);
+    EXPECT_EQ(encode.planeStride[plane], 4 + plane);
+  }
+  const uint8_t rectangle[] = {0x80, 9, 9, 9, 1, 0, 3, 2, 4, 0, 5, 0};
+  EXPECT_EQ(parseRectangle(rectangle).quantizerOffset, -128);
+  EXPECT_EQ(parseRectangle(rectangle).y, 0x0203);
+  const uint8_t copy[] = {9, 9, 9, 6, 1, 0, 2, 0, 3, 0, 4, 0, 5, 0, 7, 6};
+  EXPECT_EQ(parseRegionCopy(copy).flags, 6);
+  EXPECT_EQ(parseRegionCopy(copy).sourceX + parseRegionCopy(copy).destinationY * 10, 41);
+  EXPECT_EQ(parseRegionCopy(copy).height, 0x0607);
+  const auto reply = parseReplyHead(buildReplyHead({1, 30, 77, 88, 99}).data());
+  EXPECT_EQ(reply.keyFrame * 1000 + reply.quantizer, 1030);
+  EXPECT_EQ(reply.frameSize * 1000000 + reply.startTime * 1000 + reply.endTime, 77088099U);
+}
+
+TEST(ByteOrder, ReadersAndWritersDifferOnAHostSetBigEndian) {
+  uint8_t bytes[] = {0, 1, 2, 3, 4};
+  EXPECT_EQ(readUint32(bytes + 1, 0), 0x04030201U);
+  EXPECT_EQ(readUint32(bytes + 1, 7), 0x01020304U);
+  EXPECT_EQ(readUint16(bytes + 1, 0), 0x0201);
+  EXPECT_EQ(readUint16(bytes + 1, 1), 0x0102);
+  writeUint32(0x01020304, bytes + 1, 1);
+  writeUint16(0x0506, bytes, 0);
+  EXPECT_EQ(readUint32(bytes, 0), 0x03020506U);
+
+  // A host that calls itself big-endian: native where orders agree, composed by the readers where
+  // they do not, and still native in the writers when asked for little-endian.
+  setHostByteOrder(1);
+  EXPECT_EQ(hostByteOrder(), 1);
+  EXPECT_EQ(readUint32(bytes, 1), 0x03020506U);
+  EXPECT_EQ(readUint32(bytes, 0), 0x03020506U);
+  EXPECT_EQ(readUint16(bytes, 2), 0x0605);
+  writeUint16(0x0708, bytes, 0);
+  EXPECT_EQ(bytes[0], 8);
+  writeUint16(0x0708, bytes, 1);
+  EXPECT_EQ(bytes[0], 8);
+  writeUint16(0x0708, bytes, 2);
+  EXPECT_EQ(bytes[0], 7);
+  setHostByteOrder(0);
+}
+
+}  // namespace
+}  // namespace qora::service

@@ -1,0 +1,56 @@
+// tools/clip_reader.h -- Pictures out of a Y4M or raw I420 clip, from a file or a pipe.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <string>
+
+#include "client/picture.h"
+#include "tools/y4m.h"
+
+namespace qora::tools {
+
+struct CloseFile {
+  void operator()(FILE* file) const { std::fclose(file); }
+};
+using File = std::unique_ptr<FILE, CloseFile>;
+
+class ClipReader {
+ public:
+  // Opens `path`, "-" for standard input. A raw clip has no header: its size comes from
+  // `rawFormat`; null: the clip is Y4M. 1, or -1 with problem().
+  [[nodiscard]] int32_t open(const std::string& path, const ClipFormat* rawFormat);
+
+  const ClipFormat& format() const { return format_; }
+  // Frames in the clip as its length tells; -1 for a pipe.
+  int64_t frameCount() const { return frameCount_; }
+  // Whether `path` names the file that is being read.
+  bool reads(const std::string& path) const;
+
+  // Reads the next picture into the planes of one of the clip's size. 1, 0 at the clip's end, -1
+  // with problem(). A signal that interrupts the wait for input ends it with errno EINTR.
+  [[nodiscard]] int32_t read(const client::Picture& picture);
+
+  // What went wrong, with the clip's name in front.
+  const std::string& problem() const { return problem_; }
+
+ private:
+  int32_t fail(const std::string& what);
+  int32_t failAtFrame(const std::string& what);
+  int32_t readHeader();
+  int32_t readFrameLine();
+
+  File file_;
+  std::string name_;
+  ClipFormat format_;
+  bool y4m_ = false;
+  struct stat status_ {};
+  int64_t frameCount_ = -1;
+  int64_t framesRead_ = 0;
+  std::string problem_;
+};
+
+}  // namespace qora::tools

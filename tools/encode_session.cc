@@ -1,0 +1,261 @@
+#include "tools/encode_session.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <limits>
+
+#include "base/logger.h"
+#include "tools/interrupt.h"
+#include "tools/service_paths.h"
+
+namespace qora::tools {
+namespace {
+
+constexpr int32_t kCells = 2;  // the picture and its predecessor
+constexpr int64_t kEncoderRate = 25;
+
+double frameRate(const ClipFormat& format) {
+  return static_cast<double>(format.rateNumerator) / format.rateDenominator;
+}
+
+}  // namespace
+
+int64_t nominalBitrate(int32_t bitrate, const ClipFormat& format) {
+  const int64_t product = static_cast<int64_t>(bitrate) * kEncoderRate * format.rateDenominator;
+  const int64_t rounded = (product + format.rateNumerator / 2) / format.rateNumerator;
+  return std::max<int64_t>(rounded, 1);
+}
+
+EncodeSession::EncodeSession(const EncodeOptions& options)
+    : options_(options), progress_(!options.quiet && ::isatty(STDERR_FILENO) == 1) {}
+
+int32_t EncodeSession::fail(const std::string& problem) {
+  problem_ = problem;
+  return -1;
+}
+
+// A call of the client failed.
+int32_t EncodeSession::failService() {
+  const int error = errno;
+  return fail(client_.endText().empty() ? std::string("talking to the service: ") + errorText(error)
+                                        : client_.endText());
+}
+
+int32_t EncodeSession::run() {
+  if (openClip() == -1 || findEncoder() == -1) return -1;
+  const ClipFormat& format = clip_.format();
+  if (segment_.create(format.width, format.height, kCells) == -1) {
+    return fail(std::string("no shared memory for two pictures: ") + errorText(errno));
+  }
+  const int32_t first = clip_.read(segment_.picture(0));
+  if (first == -1) return fail(clip_.problem());
+  if (first == 0) return fail(options_.input + ": the clip has no frame");
+  // The outputs come late: a clip or a service that cannot be had leaves an earlier result alone.
+  if (startService() == -1 || openOutputs() == -1 || addStreams() == -1) return -1;
+
+  start_ = Clock::now();
+  const int32_t encoded = encodeClip();
+  progress_.clear();
+  if (encoded == -1 || stopService() == -1 || closeOutputs() == -1) return -1;
+  if (!options_.quiet) printSummary();
+  return 1;
+}
+
+int32_t EncodeSession::openClip() {
+  const ClipFormat raw{.width = options_.width, .height = options_.height};
+  if (clip_.open(options_.input, options_.width == 0 ? nullptr : &raw) == -1) {
+    return fail(clip_.problem());
+  }
+  const ClipFormat& format = clip_.format();
+  const int32_t columns = (format.width + client::kMacroblockSize - 1) / client::kMacroblockSize;
+  const int32_t rows = (format.height + client::kMacroblockSize - 1) / client::kMacroblockSize;
+  macroblocks_ = columns * rows;
+  if (nominalBitrate(options_.bitrate, format) > std::numeric_limits<uint16_t>::max()) {
+    return fail("--bitrate is too high for a clip of so few frames a second");
+  }
+  return 1;
+}
+
+int32_t EncodeSession::findEncoder() {
+  const std::string folder = programFolder();
+  service_ = options_.service.empty() ? findService(folder) : options_.service;
+  codecRoot_ = options_.codecRoot;
+  if (const char* root = std::getenv("QORA_SYSTEM"); codecRoot_.empty() && root != nullptr) {
+    codecRoot_ = root;
+  } else if (codecRoot_.empty()) {
+    codecRoot_ = findCodecRoot(folder);
+  }
+  if (hasEncoderLibrary(codecRoot_)) return 1;
+  return fail("no encoder library in codec root '" + codecRoot_ +
+              "': neither lib/libx264.so nor codec/lib/libx264.so is there");
+}
+
+int32_t EncodeSession::openFile(const std::string& path, File& file) {
+  if (clip_.reads(path)) return fail(path + ": would overwrite the input");
+  file.reset(std::fopen(path.c_str(), "wb"));
+  return file != nullptr ? 1 : fail(path + ": " + errorText(errno));
+}
+
+int32_t EncodeSession::openOutputs() {
+  for (int32_t stream = 0; stream < options_.streams; ++stream) {
+    if (openFile(outputPath(options_.output, stream), outputs_.emplace_back()) == -1) return -1;
+  }
+  if (options_.stats.empty()) return 1;
+  if (openFile(options_.stats, stats_) == -1) return -1;
+  std::fprintf(stats_.get(),
+               "%sframe,type,bytes,quantizer,encode_ms,round_trip_ms,changed_macroblocks\n",
+               options_.streams > 1 ? "stream," : "");
+  return 1;
+}
+
+int32_t EncodeSession::startService() {
+  ignoreInterrupts();
+  const int32_t started = client_.start({.servicePath = service_, .codecRoot = codecRoot_});
+  const int error = errno;
+  noteInterrupts();
+  if (started == -1) {
+    return fail("cannot start the service " + service_ + ": " + errorText(error));
+  }
+  return client_.attachSegment(segment_.id()) == -1 ? failService() : 1;
+}
+
+int32_t EncodeSession::addStreams() {
+  const ClipFormat& format = clip_.format();
+  service::AddStreamRequest request{.flags = service::kAnnexBFlag,
+                                    .streamId = 0,
+                                    .threads = static_cast<uint8_t>(options_.threads),
+                                    .bitrate = 0,
+                                    .qpMin = static_cast<uint8_t>(options_.qpMin),
+                                    .qpMax = static_cast<uint8_t>(options_.qpMax),
+                                    .width = static_cast<uint16_t>(format.width),
+                                    .height = static_cast<uint16_t>(format.height)};
+  if (options_.bitrate > 0) {
+    request.bitrate = static_cast<uint16_t>(nominalBitrate(options_.bitrate, format));
+  }
+  for (int32_t stream = 0; stream < options_.streams; ++stream) {
+    request.streamId = static_cast<uint8_t>(stream);
+    if (client_.addStream(request) == -1) return failService();
+  }
+  return 1;
+}
+
+// The first picture is in its cell already; every later one goes to the cell of the last but one.
+int32_t EncodeSession::encodeClip() {
+  while (true) {
+    if (encodeFrame() == -1) return -1;
+    progress_.update(figures());
+    if (frames_ == options_.frames) return 1;
+    const int32_t more = loadPicture();
+    if (more != 1) return more;
+  }
+}
+
+int32_t EncodeSession::loadPicture() {
+  const int32_t loaded = wasInterrupted() ? -1 : clip_.read(segment_.picture(cellOf(frames_)));
+  if (loaded != -1) return loaded;
+  if (wasInterrupted()) {
+    return fail("interrupted after " + std::to_string(frames_) + " frames");
+  }
+  return fail(clip_.problem());
+}
+
+// Fills changes_.list with what to send; returns the number of changed macroblocks.
+int32_t EncodeSession::findChanges() {
+  const client::Picture picture = segment_.picture(cellOf(frames_));
+  if (frames_ == 0 || options_.noRectangles) {
+    changes_.list.assign(1, client::wholePicture(picture.width, picture.height));
+    return macroblocks_;
+  }
+  const int32_t changed = client::findChangedRectangles(
+      segment_.picture(cellOf(frames_ - 1)), picture, client::maxRectangles(0), changes_);
+  if (changes_.list.empty()) changes_.list.push_back(client::nothingChanged());
+  return changed;
+}
+
+int32_t EncodeSession::encodeFrame() {
+  const int32_t changed = findChanges();
+  service::EncodeRequest request{};
+  segment_.place(cellOf(frames_), request);
+  for (int32_t stream = 0; stream < options_.streams; ++stream) {
+    request.streamId = static_cast<uint8_t>(stream);
+    if (client_.encode(request, changes_.list, {}) == -1) return failService();
+  }
+  while (client_.pendingReplies() > 0) {
+    if (takeReply(changed) == -1) return -1;
+  }
+  changed_ += changed;
+  ++frames_;
+  return 1;
+}
+
+int32_t EncodeSession::takeReply(int32_t changed) {
+  if (client_.readReply(reply_) == -1) return failService();
+  const int32_t stream = reply_.streamId;
+  FILE* output = outputs_[static_cast<size_t>(stream)].get();
+  if (std::fwrite(reply_.frame.data(), 1, reply_.frame.size(), output) != reply_.frame.size()) {
+    return fail(outputPath(options_.output, stream) + ": " + errorText(errno));
+  }
+  bytes_ += static_cast<int64_t>(reply_.frame.size());
+  if (stats_ == nullptr) return 1;
+
+  const service::ReplyFields& fields = reply_.fields;
+  if (options_.streams > 1) std::fprintf(stats_.get(), "%d,", stream);
+  std::fprintf(stats_.get(), "%lld,%s,%u,", static_cast<long long>(frames_),
+               fields.keyFrame != 0 ? "I" : "P", fields.frameSize);
+  if (fields.quantizer != service::kUnknownQuantizer) {
+    std::fprintf(stats_.get(), "%d", fields.quantizer);
+  }
+  std::fprintf(stats_.get(), ",%u,%.3f,%d\n", client::encodeMilliseconds(fields),
+               static_cast<double>(reply_.roundTrip.count()) / 1000, changed);
+  return 1;
+}
+
+int32_t EncodeSession::stopService() {
+  for (int32_t stream = 0; stream < options_.streams; ++stream) {
+    if (client_.removeStream(static_cast<uint8_t>(stream)) == -1) return failService();
+  }
+  if (client_.removeSegment(segment_.id()) == -1) return failService();
+  return client_.stop() == 1 ? 1 : fail(client_.endText());
+}
+
+// What is still in a buffer meets a full disk here.
+int32_t EncodeSession::closeFile(File& file, const std::string& path) {
+  const bool failed = std::ferror(file.get()) != 0;
+  if (std::fclose(file.release()) != 0 || failed) return fail(path + ": " + errorText(errno));
+  return 1;
+}
+
+int32_t EncodeSession::closeOutputs() {
+  for (int32_t stream = 0; stream < options_.streams; ++stream) {
+    File& output = outputs_[static_cast<size_t>(stream)];
+    if (closeFile(output, outputPath(options_.output, stream)) == -1) return -1;
+  }
+  return stats_ == nullptr ? 1 : closeFile(stats_, options_.stats);
+}
+
+ProgressFigures EncodeSession::figures() const {
+  int64_t total = clip_.frameCount();
+  if (options_.frames > 0 && (total == -1 || total > options_.frames)) total = options_.frames;
+  return {.frames = frames_,
+          .total = total,
+          .bytes = bytes_,
+          .seconds = std::chrono::duration<double>(Clock::now() - start_).count(),
+          .frameRate = frameRate(clip_.format())};
+}
+
+void EncodeSession::printSummary() const {
+  ProgressFigures done = figures();
+  done.total = -1;
+  const double share = 100.0 * static_cast<double>(changed_) /
+                       (static_cast<double>(macroblocks_) * static_cast<double>(frames_));
+  const std::string streams =
+      options_.streams > 1 ? ", " + std::to_string(options_.streams) + " streams" : "";
+  std::fprintf(stderr, "encoded %s%s, %.1f%% of the macroblocks changed\n",
+               progressText(done).c_str(), streams.c_str(), share);
+}
+
+}  // namespace qora::tools

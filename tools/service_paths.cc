@@ -1,0 +1,53 @@
+#include "tools/service_paths.h"
+
+#include <unistd.h>
+
+#include <climits>
+
+#include "base/file.h"
+
+namespace qora::tools {
+namespace {
+
+constexpr const char* kServicePlaces[] = {"/qora-codec", "/../libexec/qora-codec",
+                                          "/../libexec/qora/qora-codec", "/../lib/qora/qora-codec"};
+constexpr const char* kRootPlaces[] = {"/codec-root", "/../lib/qora", "/../lib/qora/codec-root",
+                                       "/../libexec/qora/codec-root"};
+constexpr const char* kLibraryPlaces[] = {"/lib/libx264.so", "/codec/lib/libx264.so"};
+
+bool isThere(const std::string& path) {
+  return file::exists(nullptr, path.c_str()) == 1;
+}
+
+}  // namespace
+
+std::string programFolder() {
+  char path[PATH_MAX];
+  const ssize_t length = ::readlink("/proc/self/exe", path, sizeof path);
+  if (length <= 0 || length == sizeof path) return "";
+  const std::string program(path, static_cast<size_t>(length));
+  return program.substr(0, program.rfind('/'));
+}
+
+std::string findService(const std::string& folder) {
+  for (const char* place : kServicePlaces) {
+    if (isThere(folder + place)) return folder + place;
+  }
+  return folder + kServicePlaces[0];
+}
+
+std::string findCodecRoot(const std::string& folder) {
+  for (const char* place : kRootPlaces) {
+    if (hasEncoderLibrary(folder + place)) return folder + place;
+  }
+  return folder + kRootPlaces[0];
+}
+
+bool hasEncoderLibrary(const std::string& root) {
+  for (const char* place : kLibraryPlaces) {
+    if (isThere(root + place)) return true;
+  }
+  return false;
+}
+
+}  // namespace qora::tools
