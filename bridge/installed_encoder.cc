@@ -48,6 +48,9 @@ static_assert(
     QORA_SAME_PLACE(x264_picture_t, prop) && QORA_SAME_PLACE(x264_picture_t, hrd_timing) &&
     QORA_SAME_PLACE(x264_picture_t, extra_sei) && QORA_SAME_PLACE(x264_picture_t, opaque));
 
+// A picture starts from zeros, without a call into the library.
+static_assert(X264_TYPE_AUTO == 0 && X264_QP_AUTO == 0 && PIC_STRUCT_AUTO == 0);
+
 struct InstalledField {
   size_t offset, size;  // bytes, in the installed build's parameter block
 };

@@ -6,7 +6,7 @@
 #include <iterator>
 #include <limits>
 
-#include "service/messages.h"
+#include "client/codec_client.h"
 #include "tools/numbers.h"
 #include "tools/y4m.h"
 

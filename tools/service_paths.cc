@@ -9,10 +9,10 @@
 namespace qora::tools {
 namespace {
 
-constexpr const char* kServicePlaces[] = {"/qora-codec", "/../libexec/qora-codec",
-                                          "/../libexec/qora/qora-codec", "/../lib/qora/qora-codec"};
-constexpr const char* kRootPlaces[] = {"/codec-root", "/../lib/qora", "/../lib/qora/codec-root",
-                                       "/../libexec/qora/codec-root"};
+// Beside the program in a build folder; installed, below QORA_LIBEXEC and QORA_LIB, which the build
+// names as seen from the program's folder.
+constexpr const char* kServicePlaces[] = {"/qora-codec", "/" QORA_LIBEXEC "/qora/qora-codec"};
+constexpr const char* kRootPlaces[] = {"/codec-root", "/" QORA_LIB "/qora/codec-root"};
 constexpr const char* kLibraryPlaces[] = {"/lib/libx264.so", "/codec/lib/libx264.so"};
 
 bool isThere(const std::string& path) {

@@ -1,7 +1,7 @@
 // tools/service_paths.h -- Where the service and its encoder library are, when nobody says.
 //
 // A build folder has both beside the tool; an installation has the tool in bin/, the service in
-// libexec/ or lib/qora/ and the library under lib/qora/.
+// libexec/qora/ and the codec root in lib/qora/.
 #pragma once
 
 #include <string>

@@ -9,16 +9,20 @@
 
 #include "encoder/param_layout.h"
 
+// The library loses two strings when it refuses to open an encoder.
+extern "C" const char* __lsan_default_suppressions() {
+  return "leak:libx264.so.1\n";
+}
+
 namespace {
 
 using enum qora::encoder::ParamField;
-using qora::encoder::kParamFieldCount;
-using Offsets = std::array<size_t, kParamFieldCount>;  // by ParamField
+using Offsets = std::array<size_t, qora::encoder::kParamFieldCount>;  // by ParamField
 using FieldValue = std::pair<qora::encoder::ParamField, uint32_t>;
 
-constexpr Offsets kLegacyOffsets = {4,   28,  32,  36,  96,  104, 520, 620, 648, 656,
-                                    660, 668, 672, 680, 708, 752, 820, 836, 840};
 // clang-format off
+constexpr Offsets kLegacyOffsets = {4, 28, 32, 36, 96, 104, 520, 620, 648, 656,
+                                    660, 668, 672, 680, 708, 752, 820, 836, 840};
 #define AT(field) offsetof(x264_param_t, field)
 constexpr Offsets kInstalledOffsets = {
     AT(i_threads), AT(i_width), AT(i_height), AT(i_csp), AT(i_keyint_max), AT(i_scenecut_threshold),
@@ -26,7 +30,6 @@ constexpr Offsets kInstalledOffsets = {
     AT(rc.i_bitrate), AT(rc.f_rf_constant), AT(rc.f_rate_tolerance), AT(rc.i_aq_mode),
     AT(rc.f_qcompress), AT(b_annexb), AT(i_fps_num), AT(i_fps_den)};
 // clang-format on
-const std::string kBuild = std::to_string(X264_BUILD);
 
 // One of the two libraries, called by name: the records of both have the same shape.
 struct Side {
@@ -40,6 +43,7 @@ struct Side {
     return reinterpret_cast<Result (*)(Arguments...)>(dlsym(library, name))(arguments...);
   }
 };
+const std::string kBuild = std::to_string(X264_BUILD);
 const Side kBridge = {dlopen(BRIDGE_PATH, RTLD_LAZY), "x264_encoder_open_142", kLegacyOffsets, 936};
 
 // A parameter block between painted guards.
@@ -47,14 +51,12 @@ struct Block {
   const Side& side;
   std::string bytes = std::string(side.blockSize + 512, '\xA5');
 
+  ~Block() { EXPECT_EQ(bytes.substr(0, 256) + bytes.substr(256 + side.blockSize), guards); }
   char* data() { return bytes.data() + 256; }
   void set(FieldValue item) {
     memcpy(data() + side.offsets[static_cast<size_t>(item.first)], &item.second, 4);
   }
-  bool guarded() const {
-    const std::string paint(256, '\xA5');
-    return bytes.starts_with(paint) && bytes.ends_with(paint);
-  }
+  const std::string guards = std::string(512, '\xA5');
 };
 
 struct Session {
@@ -63,6 +65,7 @@ struct Session {
   const char *preset, *tune, *profile, *laterProfile;
   bool bitrateMode;
 };
+const std::string kLong(300, '0');
 // clang-format off
 constexpr Session kSessions[] = {
     {"quality", 1, X264_CSP_I420, 3, "ultrafast", "zerolatency", "baseline", nullptr, false},
@@ -81,32 +84,65 @@ constexpr Session kSessions[] = {
     {"BGRA", 11, X264_CSP_BGRA, 8, "0", "zerolatency", nullptr, nullptr, false},
     {"RGB", 12, X264_CSP_RGB, 8, "0", "zerolatency", nullptr, nullptr, false},
 };
+const Session kRefused[] = {
+    {"unknown preset", 1, 0, 0, "quickest", "zerolatency", "baseline", nullptr, false},
+    {"preset too long", 1, 0, 0, kLong.c_str(), "zerolatency", "baseline", nullptr, false},
+    {"unknown tune", 1, 0, 0, "fast", "screen", "baseline", nullptr, false},
+    {"tune too long", 1, 0, 0, "fast", kLong.c_str(), "baseline", nullptr, false},
+    {"unknown profile", 1, 0, 0, "fast", "zerolatency", "basic", nullptr, false},
+    {"profile too long", 1, 0, 0, "fast", "zerolatency", "main", kLong.c_str(), false},
+    {"unknown colour space", 13, 0, 0, "fast", "zerolatency", nullptr, nullptr, false},
+};
 // clang-format on
 
-// All that a caller can see of a session of 12 calls, the last five of them draining.
+// All that a caller can see of a session.
 struct Trace {
-  std::string coded;             // coded bytes, and the first row of each picture that came out
-  std::vector<int64_t> facts;    // results, and what pictures and parameters tell
-  std::vector<int> producedCsp;  // of the pictures that came out
+  std::string coded;           // coded bytes, and the first row of each picture that came out
+  std::vector<int64_t> facts;  // results, and what pictures and parameters tell
+  std::vector<int> csp;        // of the pictures that came out, and once more at the end
+
+  void tell(int64_t fact) { facts.push_back(fact); }
+  void tellValues(Block& block, int given) {
+    for (size_t offset : block.side.offsets) {
+      int32_t value;
+      memcpy(&value, block.data() + offset, 4);
+      tell(offset == 36 ? value - given : value);  // the colour space comes back as it was given
+    }
+  }
 };
 
-Trace runSession(const Side& side, const Session& session, int csp) {
-  Trace trace;
-  auto tell = [&trace](int64_t fact) { trace.facts.push_back(fact); };
-  auto quality = [](float value) { return FieldValue{rateFactor, std::bit_cast<uint32_t>(value)}; };
-  Block block{side}, current{side};
-  tell(side.call("x264_param_default_preset", block.data(), session.preset, session.tune));
+FieldValue quality(float value) {
+  return {rateFactor, std::bit_cast<uint32_t>(value)};
+}
+
+void* openEncoder(const Side& side, const Session& session, int csp, Block& block, Trace& trace) {
+  auto profile = [&](const char* name) {
+    return side.call("x264_param_apply_profile", block.data(), name);
+  };
+  if (side.call("x264_param_default_preset", block.data(), session.preset, session.tune) != 0) {
+    return nullptr;
+  }
+  trace.tellValues(block, &side == &kBridge ? 1 : X264_CSP_I420);
   // clang-format off
   for (const FieldValue& item : {FieldValue{threads, 1}, {width, 62}, {height, 46},
-       {colourSpace, csp}, {keyintMax, 1 << 30}, {scenecutThreshold, 0}, {logLevel, -1u}, {mbInfo, 1},
+       {colourSpace, csp}, {keyintMax, 1 << 30}, {scenecutThreshold, 0}, {logLevel, 0}, {mbInfo, 1},
        {aqMode, 1}, {annexB, 0}, {fpsNum, 25}, {fpsDen, 1}, {rateMethod, session.bitrateMode ? 2 : 1},
        {qpMin, 12}, {qpMax, 40}, {bitrate, 300}, quality(9)}) block.set(item);
   // clang-format on
-  tell(side.call("x264_param_apply_profile", block.data(), session.profile));
-  tell(side.call("x264_param_apply_profile", block.data(), session.laterProfile));
-  void* encoder = side.call<void*>(side.open.c_str(), block.data());
-  if (encoder == nullptr) return trace;
+  if (profile(session.profile) != 0 || profile(session.laterProfile) != 0) return nullptr;
+  return side.call<void*>(side.open.c_str(), block.data());
+}
 
+// Twelve calls of encode, the last five draining; the parameters change twice on the way.
+Trace runSession(const Side& side, const Session& session, int csp) {
+  Trace trace;
+  Block block{side}, current{side};
+  void* encoder = openEncoder(side, session, csp, block, trace);
+  if (encoder == nullptr) return trace;
+  auto reconfigure = [&](Block& changed, float value) {
+    changed.set(quality(value));
+    trace.tell(side.call("x264_encoder_reconfig", encoder, changed.data()));
+  };
   std::vector<uint8_t> pixels(3 * 256 * 48), info(12);  // three planes, stride 256; 4 x 3 cells
   std::vector<float> offsets(info.size());
   x264_picture_t picture, produced = {};
@@ -115,6 +151,8 @@ Trace runSession(const Side& side, const Session& session, int csp) {
   picture.img = {csp, 3, {256, 256, 256}, {&pixels[0], &pixels[256 * 48], &pixels[512 * 48]}};
   picture.prop.quant_offsets = offsets.data();
   picture.prop.mb_info = info.data();
+  // A block of the caller's build is nothing to the library: the bridge holds it back.
+  if (&side == &kBridge) picture.param = reinterpret_cast<x264_param_t*>(current.data());
   for (int frame = 0; frame < 12; ++frame) {
     picture.i_pts = frame;
     for (size_t i = 0; i < pixels.size(); ++i) {
@@ -124,122 +162,68 @@ Trace runSession(const Side& side, const Session& session, int csp) {
       info[cell] = frame > 0 && cell % 4 != 0;
       offsets[cell] = static_cast<float>(frame % 5) - static_cast<float>(cell % 3);
     }
-    if (frame == 2) tell(side.call("x264_encoder_invalidate_reference", encoder, int64_t{0}));
-    if (frame == 3 || frame == 5) {
-      Block& changed = frame == 3 ? block : current;
-      if (frame == 5) side.call<void>("x264_encoder_parameters", encoder, current.data());
-      changed.set(quality(frame == 3 ? 25 : 14));
-      tell(side.call("x264_encoder_reconfig", encoder, changed.data()));
-    }
+    if (frame == 2) side.call("x264_encoder_invalidate_reference", encoder, int64_t{0});
+    if (frame == 3) reconfigure(block, 25);
+    if (frame == 5) side.call<void>("x264_encoder_parameters", encoder, current.data());
+    if (frame == 5) reconfigure(current, 14);
     x264_nal_t* nals = nullptr;
     int count = 0;
     const int size = side.call("x264_encoder_encode", encoder, &nals, &count,
                                frame < 7 ? &picture : nullptr, &produced);
-    for (int64_t fact : {size, count, produced.i_type}) tell(fact);
+    for (int fact : {size, count, produced.i_type, produced.b_keyframe}) trace.tell(fact);
     if (size <= 0) continue;
     trace.coded.append(reinterpret_cast<char*>(nals[0].p_payload), size);
     trace.coded.append(reinterpret_cast<char*>(produced.img.plane[0]), 62);
-    trace.producedCsp.push_back(produced.img.i_csp);
-    for (int64_t fact : {int64_t{produced.b_keyframe}, produced.i_pts}) tell(fact);
-    tell(&side == &kBridge ? side.call("x264_encoder_get_last_quantizer", encoder)
-                           : produced.i_qpplus1 - 1);
+    trace.csp.push_back(produced.img.i_csp);
+    trace.tell(&side == &kBridge ? side.call("x264_encoder_get_last_quantizer", encoder)
+                                 : produced.i_qpplus1 - 1);
   }
-  EXPECT_EQ(picture.img.i_csp, csp) << "the caller's picture is its own";
+  trace.csp.push_back(produced.img.i_csp);
   side.call<void>("x264_encoder_parameters", encoder, current.data());
   side.call<void>("x264_encoder_close", encoder);
-  for (size_t offset : side.offsets) {
-    int32_t value;
-    memcpy(&value, current.data() + offset, 4);
-    tell(offset == 36 ? value - csp : value);  // the colour space comes back as it was given
-  }
-  EXPECT_TRUE(block.guarded() && current.guarded());
+  trace.tellValues(current, csp);
   return trace;
 }
 
 TEST(Bridge, GivesWhatTheInstalledLibraryGives) {
   const Side installed = {dlopen(("libx264.so." + kBuild).c_str(), RTLD_NOW),
                           "x264_encoder_open_" + kBuild, kInstalledOffsets, sizeof(x264_param_t)};
-  ASSERT_TRUE(kBridge.library != nullptr && installed.library != nullptr);
   for (const Session& session : kSessions) {
-    SCOPED_TRACE(session.what);
     const Trace bridged = runSession(kBridge, session, session.legacyCsp);
     const Trace direct = runSession(installed, session, session.installedCsp);
-    EXPECT_TRUE(bridged.coded == direct.coded);
-    EXPECT_EQ(bridged.facts, direct.facts);
-    EXPECT_EQ(bridged.producedCsp, std::vector<int>(7, session.producedCsp));
+    EXPECT_TRUE(bridged.coded == direct.coded) << session.what;
+    EXPECT_EQ(bridged.facts, direct.facts) << session.what;
+    EXPECT_EQ(bridged.csp, std::vector<int>(8, session.producedCsp)) << session.what;
   }
-}
-
-TEST(Bridge, PresetRewritesItsOwnBytesOnly) {
-  Block block{kBridge}, expected{kBridge};
-  ASSERT_EQ(kBridge.call("x264_param_default_preset", block.data(), "ultrafast", "film"), 0);
-  memset(expected.data(), 0, 844);  // what follows in the block is the bridge's own
-  for (const FieldValue& item : {FieldValue{colourSpace, 1},
-                                 {keyintMax, 250},
-                                 {logLevel, 2},
-                                 {rateMethod, 1},
-                                 {qpMax, 0x7fffffff},
-                                 {rateFactor, 0x41b80000},
-                                 {rateTolerance, 0x3f800000},
-                                 {qcompress, 0x3f19999a},
-                                 {annexB, 1},
-                                 {fpsNum, 25},
-                                 {fpsDen, 1}}) {
-    expected.set(item);
-  }
-  EXPECT_TRUE(block.guarded());
-  EXPECT_EQ(block.bytes.substr(256, 844), expected.bytes.substr(256, 844));
 }
 
 TEST(Bridge, RefusesWithOneLine) {
-  const std::string text(300, '0');
-  const char* const longName = text.c_str();
-  Block block{kBridge}, painted{kBridge};
-  auto preset = [&](const char* name, const char* tune) {
-    return kBridge.call("x264_param_default_preset", block.data(), name, tune);
-  };
-  auto profile = [](Block& in, const char* name) {
-    return kBridge.call("x264_param_apply_profile", in.data(), name);
-  };
-  auto open = [](Block& in) {
-    return kBridge.call<void*>("x264_encoder_open_142", in.data()) != nullptr ? 0 : -1;
-  };
-  auto openAs13 = [&] {
-    for (const FieldValue& item : {FieldValue{width, 16}, {height, 16}, {colourSpace, 13}}) {
-      block.set(item);
-    }
-    return open(block);
-  };
-  const std::pair<const char*, std::function<int()>> calls[] = {
-      {"unknown preset", [&] { return preset("quickest", nullptr); }},
-      {"block of a failed preset", [&] { return open(block); }},
-      {"unknown tune", [&] { return preset("fast", "screen"); }},
-      {"preset too long", [&] { return preset(longName, nullptr); }},
-      {"tune too long", [&] { return preset("fast", longName); }},
-      {"block never set up, profile", [&] { return profile(painted, "main"); }},
-      {"block never set up, open", [&] { return open(painted); }},
-      {"unknown profile", [&] { return preset("fast", "film") | profile(block, "basic"); }},
-      {"profile too long", [&] { return profile(block, longName); }},
-      {"unknown colour space", openAs13},
-  };
-  for (const auto& [what, call] : calls) {
+  for (const Session& session : kRefused) {
+    Trace trace;
+    Block block{kBridge};
     testing::internal::CaptureStderr();
-    const int result = call();
-    const std::string lines = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(result, -1) << what;
-    EXPECT_EQ(lines.find('\n') + 1, lines.size()) << what << ": " << lines;
+    EXPECT_EQ(openEncoder(kBridge, session, session.legacyCsp, block, trace), nullptr);
+    const std::string text = testing::internal::GetCapturedStderr();
+    EXPECT_TRUE(text.find('\n') + 1 == text.size() && !text.empty()) << session.what << text;
   }
 }
 
-TEST(Bridge, NullHandlesAndBlocksAreFailures) {
+TEST(Bridge, SetsUpABlockAndRefusesOthers) {
   void* const null = nullptr;
-  kBridge.call<void>("x264_encoder_close", null);
-  kBridge.call<void>("x264_encoder_parameters", null, null);
-  EXPECT_EQ(kBridge.call("x264_param_default_preset", null, "fast", "film"), -1);
-  EXPECT_EQ(kBridge.call<void*>("x264_encoder_open_142", null), nullptr);
+  Block block{kBridge}, painted{kBridge};
+  EXPECT_EQ(kBridge.call("x264_param_default_preset", block.data(), "ultrafast", "film"), 0);
+  EXPECT_EQ(kBridge.call("x264_param_default_preset", null, "ultrafast", "film"), -1);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(kBridge.call<void*>("x264_encoder_open_142", painted.data()), nullptr);
+  EXPECT_EQ(kBridge.call("x264_param_apply_profile", null, "main"), -1);
+  constexpr char kText[] =
+      ": the parameter block was never set up with x264_param_default_preset\n";
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            std::string("x264 bridge: x264_encoder_open_142") + kText +
+                "x264 bridge: x264_param_apply_profile" + kText);
   EXPECT_EQ(kBridge.call("x264_encoder_encode", null, null, null, null, null), -1);
-  EXPECT_EQ(kBridge.call("x264_encoder_reconfig", null, null), -1);
   EXPECT_EQ(kBridge.call("x264_encoder_get_last_quantizer", null), -1);
+  kBridge.call<void>("x264_encoder_close", null);
 }
 
 std::string outputOf(const std::string& command) {
@@ -261,23 +245,22 @@ TEST(BridgeLibrary, ExportsTenNamesAndNothingElse) {
 // Where libraries are searched is read once, at a process's start: each case is a child.
 TEST(BridgeLibrary, FindsTheInstalledLibraryOrSaysWhyNot) {
   const std::string versioned = "libx264.so." + kBuild;
-  const struct {
-    const char* what;
-    std::string file, target, output;  // no target: an empty file
-  } cases[] = {
-      {"damaged", versioned, "", "x264 bridge: cannot open " + versioned + ": "},
-      {"the bridge itself", versioned, BRIDGE_PATH, versioned + " leads back to the bridge itself"},
-      {"the bridge's own folder", "libx264.so", BRIDGE_PATH, "[  PASSED  ] 1 test."},
-  };
   const std::string self = std::filesystem::read_symlink("/proc/self/exe");
-  for (const auto& [what, file, target, output] : cases) {
-    std::string folder = testing::TempDir() + "bridge.XXXXXX";
-    ASSERT_NE(mkdtemp(folder.data()), nullptr);
+  const struct {
+    std::string file, target, output;  // what the search path holds; no target: an empty file
+  } cases[] = {
+      {versioned, "", "x264 bridge: cannot open " + versioned + ": "},
+      {versioned, BRIDGE_PATH, "x264 bridge: " + versioned + " leads back to the bridge itself"},
+      {"libx264.so", BRIDGE_PATH, "[  PASSED  ] 1 test."},
+  };
+  for (const auto& [file, target, output] : cases) {
+    const std::string folder = testing::TempDir() + "bridge." + std::to_string(getpid());
+    std::filesystem::create_directory(folder);
     const std::string path = folder + "/" + file;
     target.empty() ? (void)std::ofstream(path) : std::filesystem::create_symlink(target, path);
     const std::string text = outputOf("LD_LIBRARY_PATH='" + folder + "' '" + self +
-                                      "' --gtest_filter=Bridge.PresetRewrites* 2>&1");
-    EXPECT_NE(text.find(output), std::string::npos) << what << ": " << text;
+                                      "' --gtest_filter=Bridge.SetsUp* 2>&1");
+    EXPECT_NE(text.find(output), std::string::npos) << text;
     std::filesystem::remove_all(folder);
   }
 }

@@ -3,10 +3,8 @@
 #pragma once
 
 #include <cstdint>
-#include <vector>
 
-#include "service/messages.h"
-#include "tests/support/service_process.h"
+#include "tests/support/message_bytes.h"
 
 namespace qora::test {
 
@@ -16,12 +14,6 @@ struct Picture {
   Bytes data;
   size_t offset(int32_t plane) const;  // 0 Y, 1 U, 2 V
   int32_t stride(int32_t plane) const { return plane == 0 ? width : width / 2; }
-};
-
-struct FrameHints {
-  std::vector<service::Rectangle> rectangles;
-  std::vector<service::RegionCopy> copies = {};
-  uint8_t invalidate = 0;
 };
 
 class DirectEncoder {

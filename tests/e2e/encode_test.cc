@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "service/messages.h"
 #include "tests/e2e/direct_encoder.h"
+#include "tests/support/message_bytes.h"
 #include "tests/support/service_process.h"
 
 namespace qora::service {
@@ -51,24 +51,11 @@ class Session {
     memcpy(memory_, picture.data.data(), picture.data.size());
     EncodeRequest request{};
     request.streamId = id;
-    request.invalidate = hints.invalidate;
     for (int32_t plane = 0; plane < 3; ++plane) {
       request.planeOffset[plane] = static_cast<uint32_t>(picture.offset(plane));
       request.planeStride[plane] = static_cast<uint32_t>(picture.stride(plane));
     }
-    request.rectangleBytes = static_cast<uint32_t>(hints.rectangles.size() * kRectangleSize);
-    request.copyBytes = static_cast<uint32_t>(hints.copies.size() * kRegionCopySize);
-    const auto head = buildEncodeHead(request);
-    Bytes message(head.begin(), head.end());
-    for (const auto& rectangle : hints.rectangles) {
-      message.resize(message.size() + kRectangleSize);
-      buildRectangle(rectangle, &message[message.size() - kRectangleSize]);
-    }
-    for (const auto& copy : hints.copies) {
-      message.resize(message.size() + kRegionCopySize);
-      buildRegionCopy(copy, &message[message.size() - kRegionCopySize]);
-    }
-    send(message);
+    service_.write(encodeMessage(request, hints));
     const Bytes reply = service_.read(kReplyHeadSize);
     if (reply.size() < kReplyHeadSize) return {};
     const ReplyFields fields = parseReplyHead(reply.data());

@@ -8,26 +8,19 @@
 #include <thread>
 #include <vector>
 
-#include "service/messages.h"
+#include "tests/support/message_bytes.h"
 #include "tests/support/service_process.h"
 
 namespace qora::service {
 namespace {
 
 using test::Bytes;
+using test::bytesOf;
 using test::Ending;
+using test::operator+;
 
 std::string fake(const std::string& name) {
   return FAKE_ENCODERS + name + ".so";
-}
-
-Bytes& operator+=(Bytes& bytes, const Bytes& more) {
-  bytes.insert(bytes.end(), more.begin(), more.end());
-  return bytes;
-}
-
-Bytes operator+(Bytes bytes, const Bytes& more) {
-  return bytes += more;
 }
 
 // A header of any declared size, and `body` zero bytes.
@@ -40,11 +33,6 @@ Bytes raw(uint32_t size, uint8_t type, size_t body) {
                  0};
   bytes.resize(bytes.size() + body);
   return bytes;
-}
-
-template <typename Message>
-Bytes bytesOf(const Message& message) {
-  return {message.begin(), message.end()};
 }
 
 Bytes add(uint8_t id) {
@@ -92,10 +80,7 @@ class Status : public testing::Test {
     return test::runService(SERVICE, {"QORA_SYSTEM=" + root_.path(), "FAKE_ENCODER=" + script},
                             input);
   }
-  Bytes ready() {
-    Bytes bytes = add(0);
-    return bytes += attach(segment_.id());
-  }
+  Bytes ready() { return add(0) + attach(segment_.id()); }
 
   test::TemporaryRoot root_{{{"lib/libx264.so", fake("builds_128_and_142")}}};
   Segment segment_;
@@ -185,14 +170,9 @@ TEST_F(Status, EveryEndHasItsLinesAndItsStatus) {
 }
 
 TEST_F(Status, WarningsDoNotEndIt) {
-  Bytes input = ready();
-  input += encode(0, 0, 16);
-  input += encode(0, 12, 15);
-  input += remove(segment_.id());
-  input += attach(segment_.id());
-  input += encode(0, 12, 0);
-  input += removeStreamMessage(0);
-  input += removeStreamMessage(0);
+  const Bytes input = ready() + encode(0, 0, 16) + encode(0, 12, 15) + remove(segment_.id()) +
+                      attach(segment_.id()) + encode(0, 12, 0) + removeStreamMessage(0) +
+                      removeStreamMessage(0);
   const Ending ending = run(input, "encode=5");
   EXPECT_EQ(ending.status, 0);
   EXPECT_EQ(ending.output.size(), 3 * 25U);
@@ -290,9 +270,8 @@ TEST_F(Status, AStreamTooLargeForItsMapsIsToldAndEndsTheService) {
 }
 
 TEST_F(Status, TheSameCommandsGiveTheSameRepliesHoweverTheyArrive) {
-  Bytes session = ready();
-  for (int i = 0; i < 3; ++i) session += encode(0, 24, 16);
-  session += remove(segment_.id());
+  const Bytes frame = encode(0, 24, 16);
+  const Bytes session = ready() + frame + frame + frame + remove(segment_.id());
   const auto masked = [](Bytes output) {
     for (size_t head = 0; head + 20 <= output.size(); head += 120) {
       std::fill_n(output.begin() + static_cast<ptrdiff_t>(head) + 12, 8, 0);

@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-namespace qora::test {
+#include "tests/support/message_bytes.h"
 
-using Bytes = std::vector<uint8_t>;
+namespace qora::test {
 
 // How a run ended: wait status, all of standard output, standard error without time prefixes.
 struct Ending {
