@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 
 #include <atomic>
@@ -10,9 +11,7 @@
 
 #include "base/logger.h"
 #include "base/process.h"
-#include "tests/base/captured_stderr.h"
 #include "tests/base/in_child.h"
-#include "tests/base/temporary_directory.h"
 
 namespace qora::process {
 namespace {
@@ -51,10 +50,10 @@ TEST(CreateProcess, RunsThePathWithArgumentsEnvironmentAndPriority) {
 }
 
 TEST(CreateProcess, GivesTheChildItsStandardDescriptors) {
-  constexpr int32_t kA = 60, kB = 61, kC = 62;  // the files a, b and c
+  constexpr int32_t kA = 60, kB = 61, kC = 62, kReport = 63;
   const struct {
     int32_t input, output, error;
-    const char* roles;  // the file there, or the descriptor of the parent
+    const char* roles;  // the file a, b or c, or the descriptor of the parent
     const char* stillOpen;
   } cases[] = {
       {kA, kB, kC, "abc", ""},       {-1, -1, -1, "012", " 60 61 62"},
@@ -63,22 +62,16 @@ TEST(CreateProcess, GivesTheChildItsStandardDescriptors) {
       {kA, kA, kA, "aaa", " 61 62"}, {-1, 1, 1, "011", " 60 61 62"},
       {kA, kA, 0, "aaa", " 61 62"},
   };
-  const test::TemporaryDirectory directory;
-  for (const int32_t fd : {kA, kB, kC}) {
-    const std::string path = directory.of(std::string(1, static_cast<char>('a' + fd - kA)));
-    const int opened = ::open(path.c_str(), O_RDWR | O_CREAT, 0600);
-    ::dup2(opened, fd);
-    ::close(opened);
+  for (const int32_t fd : {kA, kB, kC, kReport}) {
+    const char name[] = {static_cast<char>('a' + fd - kA), '\0'};
+    const int created = ::memfd_create(name, 0);
+    ::dup2(created, fd);
+    ::close(created);
   }
-  const std::string report = directory.of("report");
   const char* const program[] = {
-      "/bin/sh",
-      "sh",
-      "-c",
+      "/bin/sh", "sh", "-c",
       "at=/proc/$$/fd; told=$(readlink $at/0 $at/1 $at/2); "
-      "for n in 60 61 62; do [ -h $at/$n ] && told=\"$told $n\"; done; echo $told >$1",
-      "sh",
-      report.c_str(),
+      "for n in 60 61 62; do [ -h $at/$n ] && told=\"$told $n\"; done; echo $told >$at/63",
       nullptr};
   for (const auto& c : cases) {
     const pid_t child =
@@ -87,14 +80,15 @@ TEST(CreateProcess, GivesTheChildItsStandardDescriptors) {
     std::string expected;
     for (const char role : std::string(c.roles)) {
       const std::string link = std::string("/proc/self/fd/") + role;
-      expected += role < 'a' ? std::filesystem::read_symlink(link).string()
-                             : directory.of(std::string(1, role));
-      expected += ' ';
+      expected += role < 'a' ? std::filesystem::read_symlink(link).string() + ' '
+                             : std::string("/memfd:") + role + " (deleted) ";
     }
     expected.back() = '\n';
-    EXPECT_EQ(directory.read("report"), expected.insert(expected.size() - 1, c.stillOpen));
+    char told[1000] = {};
+    EXPECT_GT(::pread(kReport, told, sizeof told - 1, 0), 0);
+    EXPECT_EQ(told, expected.insert(expected.size() - 1, c.stillOpen));
   }
-  for (const int32_t fd : {kA, kB, kC}) ::close(fd);
+  for (const int32_t fd : {kA, kB, kC, kReport}) ::close(fd);
 }
 
 void refuseNewProcesses() {
@@ -165,16 +159,13 @@ TEST(ForkProcess, LetsThreadsAndChildrenLogAtOnce) {
       childrenDone += exitedNormally(status);
     }
   };
-  std::string text;
-  {
-    const test::CapturedStderr stderrFile;
-    ::fcntl(STDERR_FILENO, F_SETFL, O_APPEND);  // it has many writers
-    std::vector<std::thread> threads;
-    for (int32_t i = 0; i < kLoggers; ++i) threads.emplace_back(write);
-    for (int32_t i = 0; i < kForkers; ++i) threads.emplace_back(fork);
-    for (std::thread& thread : threads) thread.join();
-    text = stderrFile.text();
-  }
+  testing::internal::CaptureStderr();
+  ::fcntl(STDERR_FILENO, F_SETFL, O_APPEND);  // it has many writers
+  std::vector<std::thread> threads;
+  for (int32_t i = 0; i < kLoggers; ++i) threads.emplace_back(write);
+  for (int32_t i = 0; i < kForkers; ++i) threads.emplace_back(fork);
+  for (std::thread& thread : threads) thread.join();
+  const std::string text = testing::internal::GetCapturedStderr();
   const auto count = [&text](const char* pattern) {
     const std::regex regex(pattern);
     return std::distance(std::sregex_iterator(text.begin(), text.end(), regex), {});
