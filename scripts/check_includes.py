@@ -21,6 +21,7 @@ LAYERS = {
     "tools": ["base/*", "client/*", "tools/*"],
     "tests": ["*"],
     "fuzz": ["*"],
+    "stress": ["*"],
     "benchmarks": ["*"],
 }
 
