@@ -13,7 +13,7 @@
 #include <thread>
 
 #include "base/process.h"
-#include "tests/support/service_process.h"
+#include "tests/support/temporary_root.h"
 
 namespace qora::test {
 namespace {
