@@ -6,6 +6,7 @@
 
 #include <cstring>
 #include <memory>
+#include <new>
 
 #include "base/keep_errno.h"
 #include "base/logger.h"
@@ -42,12 +43,15 @@ bool readByte(int32_t fd, char& byte) {
 char* joinPath(const char* dir, const char* name) {
   if (isEmpty(name)) return nullptr;
   const size_t nameSize = strlen(name) + 1;
-  if (isEmpty(dir)) return static_cast<char*>(memcpy(new char[nameSize], name, nameSize));
-  const size_t dirLength = strlen(dir);
-  char* path = new char[dirLength + 1 + nameSize];
-  memcpy(path, dir, dirLength);
-  path[dirLength] = '/';  // also behind a directory that ends in one: a doubled slash is intended
-  memcpy(path + dirLength + 1, name, nameSize);
+  const size_t dirSize = isEmpty(dir) ? 0 : strlen(dir) + 1;
+  char* path = new (std::nothrow) char[dirSize + nameSize];
+  if (path == nullptr) return nullptr;
+  if (dirSize != 0) {
+    memcpy(path, dir, dirSize - 1);
+    // Also behind a directory that ends in one: a doubled slash is intended.
+    path[dirSize - 1] = '/';
+  }
+  memcpy(path + dirSize, name, nameSize);
   return path;
 }
 
@@ -61,7 +65,9 @@ int32_t statusOf(const char* path, struct stat& status) {
 }
 
 int32_t statFile(const char* dir, const char* name, struct stat& status) {
-  return statusOf(OwnedPath(joinPath(dir, name)).get(), status);
+  const OwnedPath path(joinPath(dir, name));
+  if (path == nullptr && !isEmpty(name)) return -1;
+  return statusOf(path.get(), status);
 }
 
 int32_t exists(const char* dir, const char* name) {

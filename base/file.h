@@ -12,7 +12,8 @@
 
 namespace qora::file {
 
-// A new array with dir + "/" + name, the caller's to delete[]; null for a null or empty name.
+// A new array with dir + "/" + name, the caller's to delete[]; null for a null or empty name, and
+// with ENOMEM when there is no memory.
 [[nodiscard]] char* joinPath(const char* dir, const char* name);
 
 // Fills `status`: 1; 0 when there is no such path; -1 on any other failure.

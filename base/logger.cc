@@ -51,27 +51,23 @@ std::ostream& writeTimePrefix(std::ostream& stream) {
 }
 
 std::ostream& beginLine(Logger& logger, std::ostream& stream, const char* prefix) {
-  if (logger.mode == 0) return *logger.nullStream;
+  if (logger.mode == 0) return logger.nullStream;
   KeepErrno keep;
   ScopedLock lock(true);
   return stream.flush() << prefix;
 }
 
 std::ostream& chosenLogStream(Logger& logger) {
-  return logger.mode == 1 ? *logger.log.stream : *logger.nullStream;
+  return logger.mode == 1 ? *logger.log.stream : logger.nullStream;
 }
 
 }  // namespace
 
 Logger::Logger()
-    : log{&std::clog},
-      error{&std::clog},
-      third{&std::clog},
-      nullStream(new std::ofstream),
-      savedErrorBuffer(std::clog.rdbuf()) {}
+    : log{&std::clog}, error{&std::clog}, third{&std::clog}, savedErrorBuffer(std::clog.rdbuf()) {}
 
 std::ostream& Logger::logStream() {
-  if (mode == 0) return *nullStream;
+  if (mode == 0) return nullStream;
   KeepErrno keep;
   ScopedLock lock(lockLogPrefix == 1);
   std::ostream& stream = chosenLogStream(*this);

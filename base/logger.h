@@ -28,7 +28,7 @@ struct Logger {
   LogSlot log;
   LogSlot error;
   LogSlot third;
-  std::ofstream* nullStream;         // never opened: swallows everything
+  std::ofstream nullStream;          // never opened: swallows everything
   std::streambuf* savedErrorBuffer;  // std::clog's own, given back at destruction
   int32_t configurable = 0;          // the log and error setters act only when non-zero
   int32_t mode = 1;                  // 0 off, 1 normal, other: the log stream alone is silent

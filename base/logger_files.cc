@@ -47,7 +47,6 @@ Logger::~Logger() {
     setName(*slot, nullptr);
   }
   for (LogSlot* slot : {&error, &log, &third}) delete slot->retired;
-  delete nullStream;
 }
 
 void Logger::replaceStream(LogSlot& slot, std::ostream* stream) {

@@ -3,12 +3,13 @@
 //   preset, profile   their results                 (0)
 //   open              0: the open function fails    (1)
 //   encode            the result, the payload's size (100)
-//   planes            1: the output picture gets reconstructed planes (0)
+//   planes            so many frames give an output picture with reconstructed planes (0)
 //   errno             what every failure leaves     (0)
 // The payload of frame n is the bytes n, n + 1, n + 2, ...
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "encoder/x264_abi.h"
 
@@ -42,7 +43,7 @@ extern "C" {
 void* FAKE_OPEN(void*) {
   const bool fails = scripted("open", 1) == 0;
   result(0, fails);
-  return fails ? nullptr : new FakeEncoder;
+  return fails ? nullptr : new (std::nothrow) FakeEncoder;
 }
 #ifdef FAKE_SECOND_OPEN
 void* FAKE_SECOND_OPEN(void* param) {
@@ -83,11 +84,10 @@ int x264_encoder_encode(void* handle, x264_nal_t** nals, int* count, x264_pictur
     encoder->payload[i] = static_cast<uint8_t>(encoder->frames + i);
   }
   out->b_keyframe = encoder->frames == 0 ? 1 : 0;
-  if (scripted("planes", 0) == 1) {
-    for (int plane = 0; plane < 2; ++plane) {
-      out->img.plane[plane] = encoder->planes[plane];
-      out->img.i_stride[plane] = 64;
-    }
+  const bool planes = encoder->frames < scripted("planes", 0);
+  for (int plane = 0; plane < 2; ++plane) {
+    out->img.plane[plane] = planes ? encoder->planes[plane] : nullptr;
+    out->img.i_stride[plane] = 64;
   }
   ++encoder->frames;
   encoder->nal.p_payload = encoder->payload;
