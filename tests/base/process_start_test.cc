@@ -37,12 +37,10 @@ std::string outputOf(Texts program, Texts environment = {}, int32_t priority = k
 
 TEST(CreateProcess, RunsThePathWithArgumentsEnvironmentAndPriority) {
   ::setenv("PRESENT", "inherited", 1);
-  const Texts arguments = {"sh", "-c", "echo $0 $1 ${PRESENT-none} $ADDED", "name", "argument"};
-  Texts program = {"/bin/sh"};
-  program.insert(program.end(), arguments.begin(), arguments.end());
-  EXPECT_EQ(outputOf(program, {"ADDED=given"}), "name argument none given\nexit 0");
-  program[0] = "sh";
-  EXPECT_EQ(outputOf(program), "name argument inherited\nexit 0") << "found in PATH";
+  const char* script = "echo $0 $1 ${PRESENT-none} $ADDED";
+  EXPECT_EQ(outputOf({"/bin/sh", "sh", "-c", script, "name", "argument"}, {"ADDED=given"}),
+            "name argument none given\nexit 0");
+  EXPECT_EQ(outputOf({"sh", "sh", "-c", script, "name"}), "name inherited\nexit 0");
   EXPECT_EQ(outputOf({"nice", "nice"}, {}, 7), "7\nexit 0");
   EXPECT_EQ(outputOf({"nice", "nice"}, {}, kLowestPriority), "19\nexit 0");
   EXPECT_EQ(outputOf({"/no/such/program", "program"}), "exit 2") << "and not a word";
@@ -107,37 +105,35 @@ int32_t create(const char* path, const char* name) {
   return createProcess(nullptr, program, nullptr, -1, -1, -1, kNormalPriority, 0);
 }
 
-constexpr const char* kNothing[] = {nullptr};
-const std::string kRefused = "WARNING! Error is 11 'Resource temporarily unavailable'.\n";
-const std::string kMissing = "Process: WARNING! Error is 2 'No such file or directory'.\n";
-
-const test::ChildCase kChildCases[] = {
-    {"fork", test::kNobody, [] { return refuseNewProcesses(), forkProcess(); }, -EAGAIN, ""},
-    {"create", test::kNobody, [] { return refuseNewProcesses(), create("id", "id"); }, -EAGAIN,
-     "Process: WARNING! Function fork() failed.\nProcess: " + kRefused},
-    {"a path alone forks nothing", test::kAnyUser,
-     [] { return create("id", nullptr) == -1 && errno == EINVAL ? ::wait(nullptr) : 0; }, -ECHILD,
-     "Process: WARNING! Invalid number of parameters in process creation.\n"},
-    {"execve", test::kAnyUser, [] { return execProgram("/no", 0, kNothing, kNothing); }, -ENOENT,
-     "Process: WARNING! Function execve() for '/no' failed.\n" + kMissing},
-    {"execvp", test::kAnyUser,
-     [] { return ::setenv("PATH", "/no", 1), execProgram("no-such", 0, kNothing, nullptr); },
-     -ENOENT, "Process: WARNING! Function execvp() for 'no-such' failed.\n" + kMissing},
-    {"user given up", test::kRoot, [] { return idTold("-u", 0); }, 4243, ""},
-    {"group given up", test::kRoot, [] { return idTold("-g", 0); }, 4242, ""},
-    {"privileges kept", test::kRoot, [] { return idTold("-u", 1); }, 0, ""},
-    {"detaches", test::kAnyUser,
-     [] {
-       const pid_t session = ::getsid(0);
-       return detachFromTerminal() == 1 && ::getsid(0) != session ? 1 : 0;
-     },
-     1, ""},
-    {"detach, with the odd family name", test::kNobody,
-     [] { return refuseNewProcesses(), detachFromTerminal(); }, -EAGAIN,
-     "Process: WARNING! Detach from terminal failed.\nProvess: " + kRefused},
-};
-TEST(ProcessStart, InChildren) {
-  test::checkInChildren(kChildCases);
+TEST(ProcessStart, FailsOrSucceedsInChildren) {
+  static constexpr const char* kNone[] = {nullptr};
+  const std::string refused = "WARNING! Error is 11 'Resource temporarily unavailable'.\n";
+  const std::string missing = "Process: WARNING! Error is 2 'No such file or directory'.\n";
+  const test::ChildCase cases[] = {
+      {test::kNobody, [] { return refuseNewProcesses(), forkProcess(); }, -EAGAIN, ""},
+      {test::kNobody, [] { return refuseNewProcesses(), create("id", "id"); }, -EAGAIN,
+       "Process: WARNING! Function fork() failed.\nProcess: " + refused},
+      {test::kAnyUser,  // and there is no child to wait for
+       [] { return create("id", nullptr) == -1 && errno == EINVAL ? ::wait(nullptr) : 0; }, -ECHILD,
+       "Process: WARNING! Invalid number of parameters in process creation.\n"},
+      {test::kAnyUser, [] { return execProgram("/no", 0, kNone, kNone); }, -ENOENT,
+       "Process: WARNING! Function execve() for '/no' failed.\n" + missing},
+      {test::kAnyUser,
+       [] { return ::setenv("PATH", "/no", 1), execProgram("none", 0, kNone, nullptr); }, -ENOENT,
+       "Process: WARNING! Function execvp() for 'none' failed.\n" + missing},
+      {test::kRoot, [] { return idTold("-u", 0); }, 4243, ""},
+      {test::kRoot, [] { return idTold("-g", 0); }, 4242, ""},
+      {test::kRoot, [] { return idTold("-u", 1); }, 0, ""},
+      {test::kAnyUser,
+       [] {
+         const pid_t session = ::getsid(0);
+         return detachFromTerminal() == 1 && ::getsid(0) != session ? 1 : 0;
+       },
+       1, ""},
+      {test::kNobody, [] { return refuseNewProcesses(), detachFromTerminal(); }, -EAGAIN,
+       "Process: WARNING! Detach from terminal failed.\nProvess: " + refused},  // as it is spelt
+  };
+  test::checkInChildren(cases);
 }
 
 TEST(ForkProcess, LetsThreadsAndChildrenLogAtOnce) {

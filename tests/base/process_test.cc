@@ -3,30 +3,27 @@
 #include <sys/resource.h>
 
 #include <csignal>
-#include <memory>
 #include <regex>
-#include <sstream>
 
 #include "base/string.h"
 #include "tests/base/in_child.h"
+#include "tests/base/seen.h"
 
 namespace qora::process {
 namespace {
 
-const std::string kNotPermitted = "Process: ERROR! Error is 1 'Operation not permitted'.\n";
-const std::string kIdentityNotPermitted = "Process: ERROR! Error is 1, Operation not permitted.\n";
+using test::Seen;
 
 TEST(ProcessStatus, TellsHowAChildEnded) {
   const struct {
     void (*end)();
-    const char* told;
-    int32_t code;
+    const char* told;  // exited, status, killed, signal, name, stopped, signal, name, code
     const char* log;
   } cases[] = {
-      {[] { ::_exit(3); }, "exited 1 3, killed 0 0 None, stopped 0 3 SIGQUIT", 3, ""},
-      {[] { ::raise(SIGTERM); }, "exited 0 0, killed 1 15 SIGTERM, stopped 0 0 None", 4, ""},
-      {[] { killSelf(); }, "exited 0 0, killed 1 9 SIGKILL, stopped 0 0 None", 4, ""},
-      {[] { ::raise(SIGSTOP); }, "exited 0 19, killed 0 127 None, stopped 1 19 SIGSTOP", 0x137F,
+      {[] { ::_exit(3); }, "1 3 0 0 None 0 3 SIGQUIT 3", ""},
+      {[] { ::raise(SIGTERM); }, "0 0 1 15 SIGTERM 0 0 None 4", ""},
+      {[] { killSelf(); }, "0 0 1 9 SIGKILL 0 0 None 4", ""},
+      {[] { ::raise(SIGSTOP); }, "0 19 0 127 None 1 19 SIGSTOP 4991",
        "Process: WARNING! Unrecognized exit code '4991'.\n"},
   };
   for (const auto& c : cases) {
@@ -38,14 +35,17 @@ TEST(ProcessStatus, TellsHowAChildEnded) {
     ::kill(child, SIGKILL);
     ::waitpid(child, nullptr, 0);
     EXPECT_EQ(isAlive(child), 0);
-    std::ostringstream told;
-    told << "exited " << exitedNormally(status) << ' ' << exitStatus(status) << ", killed "
-         << killedBySignal(status) << ' ' << terminationSignal(status) << ' '
-         << terminationSignalName(status) << ", stopped " << stoppedBySignal(status) << ' '
-         << stopSignal(status) << ' ' << stopSignalName(status);
-    EXPECT_EQ(told.str(), c.told);
     const test::CapturedLog log;
-    EXPECT_EQ(exitCode(status), c.code);
+    const Seen told{exitedNormally(status),
+                    exitStatus(status),
+                    killedBySignal(status),
+                    terminationSignal(status),
+                    terminationSignalName(status),
+                    stoppedBySignal(status),
+                    stopSignal(status),
+                    stopSignalName(status),
+                    exitCode(status)};
+    EXPECT_EQ(told.text, c.told);
     EXPECT_EQ(log.withoutPrefixes(), c.log);
   }
 }
@@ -54,46 +54,36 @@ int32_t nicenessAfter(int32_t result) {
   return result == 1 ? ::getpriority(PRIO_PROCESS, 0) : 99;
 }
 
-const test::ChildCase kChildCases[] = {
-    {"another's process", test::kNobody, [] { return isProcessAlive(1); }, -EPERM,
-     "Process: ERROR! Can't signal the pid 1.\n" + kNotPermitted},
-    {"niceness", test::kNobody, [] { return nicenessAfter(setPriority(5)); }, 5, ""},
-    {"class", test::kRoot, [] { return nicenessAfter(setPriority(103)); }, -20, ""},
-    {"class not permitted", test::kNobody, [] { return setPriority(103); }, -EACCES,
-     "Process: ERROR! Can't set priority to -20.\n"
-     "Process: ERROR! Error is 13 'Permission denied'.\n"},
-    {"below 0", test::kRoot, [] { return nicenessAfter(changePriority(-3)); }, -3, ""},
-    {"no change", test::kNobody, [] { return changePriority(0); }, 1, ""},
-    {"change not permitted", test::kNobody, [] { return changePriority(-1); }, -EPERM,
-     "Process: ERROR! Can't change priority by -1.\n" + kNotPermitted},
-    {"new ids", test::kRoot,
-     [] {
-       const bool changed = setGroupId(4242) == 1 && setUserId(4243) == 1;
-       return static_cast<int32_t>(changed ? ::getegid() + ::geteuid() : 0);
-     },
-     8485, ""},
-    {"user not permitted", test::kNobody, [] { return setUserId(0); }, -EPERM,
-     "Process: ERROR! Can't set user id to 0.\n" + kIdentityNotPermitted},
-    {"group not permitted", test::kNobody, [] { return setGroupId(0); }, -EPERM,
-     "Process: ERROR! Can't set group id to 0.\n" + kIdentityNotPermitted},
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // they need all addresses
-    {"no memory for a name", test::kAnyUser,
-     [] {
-       const std::string directory(64 << 20, 'd');
-       const rlimit noMore = {1, 1};
-       ::setrlimit(RLIMIT_AS, &noMore);
-       return temporaryName(directory.c_str(), nullptr) == nullptr ? -1 : 1;
-     },
-     -ENOMEM,
-     "Process: ERROR! Can't create temporary name.\n"
-     "Process: ERROR! Error is 12 'Cannot allocate memory'.\n"},
-#endif
-};
-TEST(Process, DependsOnRights) {
-  test::checkInChildren(kChildCases);
+int32_t idsChanged() {
+  const bool changed = setGroupId(4242) == 1 && setUserId(4243) == 1;
+  return changed && ::getegid() == 4242 && ::geteuid() == 4243;
 }
 
-TEST(Process, TakesNamesFromTheEnvironment) {
+TEST(Process, DependsOnRights) {
+  const std::string notPermitted = "Process: ERROR! Error is 1 'Operation not permitted'.\n";
+  const std::string idNotPermitted = "Process: ERROR! Error is 1, Operation not permitted.\n";
+  const test::ChildCase cases[] = {
+      {test::kNobody, [] { return nicenessAfter(setPriority(5)); }, 5, ""},
+      {test::kRoot, [] { return nicenessAfter(setPriority(kHighestPriority)); }, -20, ""},
+      {test::kNobody, [] { return setPriority(kHighPriority); }, -EACCES,
+       "Process: ERROR! Can't set priority to -10.\n"
+       "Process: ERROR! Error is 13 'Permission denied'.\n"},
+      {test::kRoot, [] { return nicenessAfter(changePriority(-3)); }, -3, ""},
+      {test::kNobody, [] { return changePriority(0); }, 1, ""},
+      {test::kNobody, [] { return changePriority(-1); }, -EPERM,
+       "Process: ERROR! Can't change priority by -1.\n" + notPermitted},
+      {test::kNobody, [] { return isProcessAlive(1); }, -EPERM,
+       "Process: ERROR! Can't signal the pid 1.\n" + notPermitted},
+      {test::kRoot, idsChanged, 1, ""},
+      {test::kNobody, [] { return setUserId(0); }, -EPERM,
+       "Process: ERROR! Can't set user id to 0.\n" + idNotPermitted},
+      {test::kNobody, [] { return setGroupId(0); }, -EPERM,
+       "Process: ERROR! Can't set group id to 0.\n" + idNotPermitted},
+  };
+  test::checkInChildren(cases);
+}
+
+TEST(Process, NamesTheHostAndTemporaryFiles) {
   ::unsetenv("HOSTNAME");
   EXPECT_STREQ(hostName(), defaultHostName());
   ::setenv("HOSTNAME", "", 1);
@@ -108,48 +98,52 @@ TEST(Process, TakesNamesFromTheEnvironment) {
   EXPECT_STREQ(temporaryDirectory(), "/second");
   ::setenv("TEMP", "/first", 1);
   const std::string longPrefix(2000, 'p');
-  const struct {
-    const char *directory, *prefix, *pattern, *log;
-  } cases[] = {
-      {nullptr, nullptr, "/first/T-\\d+", ""},
-      {"/d/", "x", "/d//x\\d+", ""},
-      {"", nullptr, "T-\\d+", "Process: WARNING! Returning temporary name in current directory.\n"},
-      {"d", longPrefix.c_str(), "d/p{1023}", ""},
-  };
-  for (const auto& c : cases) {
-    const test::CapturedLog log;
-    const std::unique_ptr<char, void (*)(void*)> name(temporaryName(c.directory, c.prefix), free);
-    EXPECT_TRUE(std::regex_match(name.get(), std::regex(c.pattern))) << name.get();
-    EXPECT_EQ(log.withoutPrefixes(), c.log);
+  const char* const cases[][3] = {{nullptr, nullptr, "/first/T-\\d+"},
+                                  {"/d/", "x", "/d//x\\d+"},
+                                  {"", nullptr, "T-\\d+"},
+                                  {"d", longPrefix.c_str(), "d/p{1023}"}};
+  const test::CapturedLog log;
+  for (const auto& [directory, prefix, pattern] : cases) {
+    char* name = temporaryName(directory, prefix);
+    EXPECT_TRUE(std::regex_match(name, std::regex(pattern))) << name;
+    free(name);
   }
+  EXPECT_EQ(log.withoutPrefixes(),
+            "Process: WARNING! Returning temporary name in current directory.\n");
   for (const char* variable : {"TEMP", "TMP"}) ::unsetenv(variable);
 }
 
-TEST(Process, FindsUsersAndGroups) {
-  static char* slot = nullptr;
-  EXPECT_EQ(userIdOf("root"), 0);
-  EXPECT_EQ(groupIdOf("root"), 0);
-  EXPECT_EQ(groupNameOf(slot, 0), 1);
-  EXPECT_EQ(userNameOf(slot, 0), 1);
-  const struct {
-    const char* who;
-    int32_t (*call)();
-  } unknown[] = {
-      {"user 'no-such'", [] { return userIdOf("no-such"); }},
-      {"group 'no-such'", [] { return groupIdOf("no-such"); }},
-      {"user id '4000000000'", [] { return userNameOf(slot, 4000000000); }},
-      {"group id '4000000000'", [] { return groupNameOf(slot, 4000000000); }},
+TEST(Process, HasNoMemoryForAName) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "the sanitizers need all addresses";
+#endif
+  const auto body = [] {
+    const std::string directory(64 << 20, 'd');
+    const rlimit noMore = {1, 1};
+    ::setrlimit(RLIMIT_AS, &noMore);
+    return temporaryName(directory.c_str(), nullptr) == nullptr ? -1 : 1;
   };
-  for (const auto& c : unknown) {
-    const test::CapturedLog log;
-    EXPECT_EQ(c.call(), -1);
-    EXPECT_EQ(errno, ENOENT);
-    EXPECT_EQ(log.withoutPrefixes(), std::string("Process: ERROR! Can't get information for ") +
-                                         c.who +
-                                         ".\nProcess: ERROR! Error is 2, No such file or "
-                                         "directory.\n");
-  }
+  EXPECT_EQ(test::runInChild(test::kAnyUser, body),
+            "-12\nProcess: ERROR! Can't create temporary name.\n"
+            "Process: ERROR! Error is 12 'Cannot allocate memory'.\n");
+}
+
+TEST(Process, FindsUsersAndGroups) {
+  const test::CapturedLog log;
+  char* slot = nullptr;
+  EXPECT_EQ(Seen(userIdOf("root"), groupIdOf("root"), groupNameOf(slot, 0)).text, "0 0 1");
+  EXPECT_EQ(userNameOf(slot, 0), 1);
+  const Seen unknown{userIdOf("none"),      errno, groupIdOf("none"),      errno,
+                     userNameOf(slot, 4e9), errno, groupNameOf(slot, 4e9), errno};
+  EXPECT_EQ(unknown.text, "-1 2 -1 2 -1 2 -1 2");
   EXPECT_STREQ(slot, "root") << "kept through the failures";
+  std::string lines;
+  for (const char* who :
+       {"user 'none'", "group 'none'", "user id '4000000000'", "group id '4000000000'"}) {
+    lines += std::string("Process: ERROR! Can't get information for ") + who +
+             ".\nProcess: ERROR! Error is 2, No such file or directory.\n";
+  }
+  EXPECT_EQ(log.withoutPrefixes(), lines);
   string::release(slot);
 }
 
@@ -160,43 +154,37 @@ TEST(ParameterText, IsEscapedTestedAndRead) {
   unescapeParameter(text);
   EXPECT_STREQ(text, " a=b,,c");
 
-  const std::string longest(1023, 'x'), tooLong(1024, 'x');
-  const struct {
-    const char* text;
-    int32_t limit, result;
-  } texts[] = {{nullptr, -1, -1},       {"a=b", -1, -1},          {"a,b", -1, -1},
-               {"a b", 4, 1},           {"a b", 3, -1},           {"", -5, -1},
-               {longest.c_str(), 0, 1}, {tooLong.c_str(), 0, -1}, {tooLong.c_str(), -1, 1}};
-  for (const auto& c : texts) EXPECT_EQ(isValidParameterText(c.text, c.limit), c.result);
-  EXPECT_EQ(isValidParameter("key", tooLong.c_str(), -1), 1);
-  EXPECT_EQ(isValidParameter(tooLong.c_str(), "value", -1), -1) << "the key has limit 0";
-  EXPECT_EQ(isValidParameter("key", "value", 5), -1);
+  const std::string x1023(1023, 'x'), x1024(1024, 'x');
+  const char *longest = x1023.c_str(), *tooLong = x1024.c_str();
+  for (const char* bad : {static_cast<const char*>(nullptr), "a=b", "a,b"}) {
+    EXPECT_EQ(isValidParameterText(bad, -1), -1);
+  }
+  const Seen lengths{isValidParameterText("a b", 4),     isValidParameterText("a b", 3),
+                     isValidParameterText("", -5),       isValidParameterText(longest, 0),
+                     isValidParameterText(tooLong, 0),   isValidParameterText(tooLong, -1),
+                     isValidParameter("k", tooLong, -1), isValidParameter(tooLong, "v", -1),
+                     isValidParameter("k", "value", 5)};
+  EXPECT_EQ(lengths.text, "1 -1 -1 1 -1 1 1 -1 -1");
 
-  const struct {
-    const char* text;
-    int32_t count;
-  } counts[] = {{"12abc", 12},
-                {"007", 7},
-                {"2147483647", INT32_MAX},
-                {"2147483648", -1},
-                {"99999999999999999999", -1},
-                {"-1", -1},
-                {" 1", -1},
-                {"", -1}};
-  for (const auto& c : counts) EXPECT_EQ(parseCount(c.text), c.count) << c.text;
-
-  const struct {
-    const char *list, *key;
-    int32_t result;
-  } items[] = {{"a,ab", "ab", 0}, {"a,ab", "a", 1},  {"ab", "ab", 1}, {"ab", "a", 0},
-               {"a", "ab", 0},    {"a,b", "a,b", 0}, {",b", "", 1}};
-  for (const auto& c : items) EXPECT_EQ(isItem(c.list, c.key), c.result) << c.list << ' ' << c.key;
+  const Seen counts{parseCount("12abc"),
+                    parseCount("007"),
+                    parseCount("2147483647"),
+                    parseCount("2147483648"),
+                    parseCount("99999999999999999999"),
+                    parseCount("-1"),
+                    parseCount(" 1"),
+                    parseCount("")};
+  EXPECT_EQ(counts.text, "12 7 2147483647 -1 -1 -1 -1 -1");
+  const Seen items{isItem("a,ab", "a"),  isItem("ab", "ab"), isItem(",b", ""),
+                   isItem("a,ab", "ab"), isItem("ab", "a"),  isItem("a", "ab"),
+                   isItem("a,b", "a,b")};
+  EXPECT_EQ(items.text, "1 1 1 0 0 0 0");
 
   char* slot = string::assign("old/name");
-  EXPECT_EQ(replaceParameterPrefix(slot, nullptr, "new"), 0);
-  EXPECT_EQ(replaceParameterPrefix(slot, "old", ""), 0);
-  EXPECT_EQ(replaceParameterPrefix(slot, "old", "new"), 1);
-  EXPECT_STREQ(slot, "new/name");
+  const Seen replaced{replaceParameterPrefix(slot, nullptr, "new"),
+                      replaceParameterPrefix(slot, "old", ""),
+                      replaceParameterPrefix(slot, "old", "new"), slot};
+  EXPECT_EQ(replaced.text, "0 0 1 new/name");
   string::release(slot);
 }
 

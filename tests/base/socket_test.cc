@@ -12,9 +12,12 @@
 
 #include "base/string.h"
 #include "tests/base/in_child.h"
+#include "tests/base/seen.h"
 
 namespace qora::socket {
 namespace {
+
+using test::Seen;
 
 // A failure's line on the log stream and then on the error stream.
 std::string told(const std::string& line) {
@@ -46,70 +49,58 @@ class SocketOptions : public testing::Test {
 };
 
 TEST_F(SocketOptions, AreSetOrTold) {
+  // clang-format off
   const struct {
     int32_t (*set)(int32_t fd, int32_t value);
     int32_t value, level, option, stored;
-    std::string lines;
+    std::string line;  // ends in a blank when the error follows in the same line
   } cases[] = {
-      {setNoDelay, 1, IPPROTO_TCP, TCP_NODELAY, 1,
-       told("Can't set no-delay mode on FD#-1 to 1. " + kBad)},
-      {setCork, 1, IPPROTO_TCP, TCP_CORK, 1,
-       told("Failed to set TCP_CORK to 1 on FD#-1.") + told(kBad)},
-      {setReceiveBuffer, 8192, SOL_SOCKET, SO_RCVBUF, 16384,
-       told("Failed to set SO_RCVBUF size to 8192 on FD#-1. " + kBad)},
-      {setSendBuffer, 8192, SOL_SOCKET, SO_SNDBUF, 16384,
-       told("Failed to set SO_SNDBUF size to 8192 on FD#-1. " + kBad)},
-      {[](int32_t fd, int32_t) { return setLowDelay(fd); }, 0, IPPROTO_IP, IP_TOS, 16,
-       "Socket: WARNING! Failed to set IPTOS_LOWDELAY on FD#-1 to 16. " + kBad +
-           "\nWarning: Failed to set IPTOS_LOWDELAY on FD#-1 to 16. " + kBad + "\n"},
-      {setKeepAlive, 1, SOL_SOCKET, SO_KEEPALIVE, 1,
-       told("Failed to set SO_KEEPALIVE on FD#-1 to 1. " + kBad)},
-      {setReuseAddress, 1, SOL_SOCKET, SO_REUSEADDR, 1,
-       told("Failed to set SO_REUSEADDR on FD#-1 to 1. " + kBad)},
-      {setQuickAck, 0, IPPROTO_TCP, TCP_QUICKACK, 0,
-       told("Failed to set TCP_QUICKACK to 0 on FD#-1.") + told(kBad)},
-      {setLinger, -5, SOL_SOCKET, SO_LINGER, 0,
-       told("Failed to set SO_LINGER values to 0 and 0 on FD#-1. " + kBad)},
-      {setLinger, 3, SOL_SOCKET, SO_LINGER, 1,
-       told("Failed to set SO_LINGER values to 1 and 3 on FD#-1. " + kBad)},
+      {setNoDelay, 1, IPPROTO_TCP, TCP_NODELAY, 1, "Can't set no-delay mode on FD#-1 to 1. "},
+      {setCork, 1, IPPROTO_TCP, TCP_CORK, 1, "Failed to set TCP_CORK to 1 on FD#-1."},
+      {setReceiveBuffer, 8192, SOL_SOCKET, SO_RCVBUF, 16384, "Failed to set SO_RCVBUF size to 8192 on FD#-1. "},
+      {setSendBuffer, 8192, SOL_SOCKET, SO_SNDBUF, 16384, "Failed to set SO_SNDBUF size to 8192 on FD#-1. "},
+      {setKeepAlive, 1, SOL_SOCKET, SO_KEEPALIVE, 1, "Failed to set SO_KEEPALIVE on FD#-1 to 1. "},
+      {setReuseAddress, 1, SOL_SOCKET, SO_REUSEADDR, 1, "Failed to set SO_REUSEADDR on FD#-1 to 1. "},
+      {setQuickAck, 0, IPPROTO_TCP, TCP_QUICKACK, 0, "Failed to set TCP_QUICKACK to 0 on FD#-1."},
+      {setLinger, -5, SOL_SOCKET, SO_LINGER, 0, "Failed to set SO_LINGER values to 0 and 0 on FD#-1. "},
+      {setLinger, 3, SOL_SOCKET, SO_LINGER, 1, "Failed to set SO_LINGER values to 1 and 3 on FD#-1. "},
   };
+  // clang-format on
   for (const auto& c : cases) {
     const test::CapturedLog log;
-    EXPECT_EQ(c.set(tcp_, c.value), 1);
-    EXPECT_EQ(stored<int32_t>(tcp_, c.level, c.option), c.stored);
-    EXPECT_EQ(c.set(-1, c.value), -1);
-    EXPECT_EQ(errno, EBADF);
-    EXPECT_EQ(log.withoutPrefixes(), c.lines);
+    const Seen seen{c.set(tcp_, c.value), stored<int32_t>(tcp_, c.level, c.option),
+                    c.set(-1, c.value), errno};
+    EXPECT_EQ(seen.text, "1 " + std::to_string(c.stored) + " -1 9");
+    const bool oneLine = c.line.back() == ' ';
+    EXPECT_EQ(log.withoutPrefixes(), oneLine ? told(c.line + kBad) : told(c.line) + told(kBad));
   }
   EXPECT_EQ(stored<linger>(tcp_, SOL_SOCKET, SO_LINGER).l_linger, 3);
+  const Seen lowDelay{setLowDelay(tcp_), stored<int32_t>(tcp_, IPPROTO_IP, IP_TOS), setLowDelay(-1),
+                      errno};
+  EXPECT_EQ(lowDelay.text, "1 16 -1 9");
+  const std::string line = "Failed to set IPTOS_LOWDELAY on FD#-1 to 16. " + kBad + "\n";
+  EXPECT_EQ(log_.withoutPrefixes(), "Socket: WARNING! " + line + "Warning: " + line);
 }
 
 TEST_F(SocketOptions, AreQuietWhereTheyMakeNoSense) {
-  EXPECT_EQ(setNoDelay(local_, 1), -1);
-  EXPECT_EQ(errno, EOPNOTSUPP);
-  EXPECT_EQ(setNoDelay(udp_, 1), -1);
-  EXPECT_EQ(errno, ENOPROTOOPT);
-  EXPECT_EQ(setLowDelay(local_), -1);
-  EXPECT_EQ(errno, EOPNOTSUPP);
+  const Seen wrong{setNoDelay(local_, 1), errno, setNoDelay(udp_, 1), errno,
+                   setLowDelay(local_),   errno};
+  EXPECT_EQ(wrong.text, "-1 95 -1 92 -1 95");
   for (const int32_t level : {-1, 0, 1, 2}) {
     systemSupport().level = level;
-    EXPECT_EQ(setLowDelay(level < 1 ? -1 : tcp_), level < 1 ? 0 : 1);
-    EXPECT_EQ(setCork(-1, 1), 0);
-    EXPECT_EQ(setQuickAck(-1, 1), 0);
-    for (const auto query : {bytesQueued, socketBytesWritable}) {
-      EXPECT_EQ(query(local_), -1);
-      EXPECT_EQ(errno, ENOSYS);
-    }
+    EXPECT_EQ(setLowDelay(tcp_), level < 1 ? 0 : 1);
+    const Seen below{setCork(-1, 1), setQuickAck(-1, 1),          bytesQueued(local_),
+                     errno,          socketBytesWritable(local_), errno};
+    EXPECT_EQ(below.text, "0 0 -1 38 -1 38") << level;
   }
-  EXPECT_EQ(log_.text(), "");
   systemSupport().level = 3;
-  EXPECT_EQ(setCork(-1, 1), -1);
+  EXPECT_EQ(Seen(setCork(tcp_, 1), setQuickAck(tcp_, 1), bytesQueued(local_)).text, "1 1 0");
+  EXPECT_EQ(log_.text(), "");
 }
 
 TEST_F(SocketOptions, AreQueriedWithAnOddNonBlocking) {
   setNoDelay(tcp_, 1);
-  EXPECT_EQ(queryOption(tcp_, kQueryNoDelay), 1);
-  EXPECT_EQ(queryOption(pipe_[0], kQueryNonBlocking), 0);
+  EXPECT_EQ(Seen(queryOption(tcp_, 2), queryOption(pipe_[0], 0)).text, "1 0");
   EXPECT_EQ(log_.text(), "");
   setNonBlocking(pipe_[0], 1);
   const auto failed = [](int32_t option, int32_t fd) {
@@ -117,9 +108,9 @@ TEST_F(SocketOptions, AreQueriedWithAnOddNonBlocking) {
                 std::to_string(fd) + ".");
   };
   errno = 0;
-  for (const int32_t fd : {pipe_[0], tcp_}) EXPECT_EQ(queryOption(fd, kQueryNonBlocking), -1);
-  EXPECT_EQ(queryOption(pipe_[0], kQueryNoDelay), -1);
-  EXPECT_EQ(queryOption(tcp_, 1), -1);
+  const Seen queries{queryOption(pipe_[0], 0), queryOption(tcp_, 0), queryOption(pipe_[0], 2),
+                     queryOption(tcp_, 1)};
+  EXPECT_EQ(queries.text, "-1 -1 -1 -1");
   EXPECT_EQ(log_.withoutPrefixes(),
             failed(0, pipe_[0]) + told("Error is 0 'No error'.") + failed(0, tcp_) +
                 told("Error is 0 'No error'.") + failed(2, pipe_[0]) +
@@ -132,18 +123,16 @@ TEST_F(SocketOptions, MakeAPipeAndTellItsRoom) {
   int32_t fds[2];
   ASSERT_EQ(createSocketPipe(fds, 50000), 0);
   for (const int32_t fd : fds) {
-    EXPECT_EQ(::fcntl(fd, F_GETFD), FD_CLOEXEC);
-    EXPECT_EQ(stored<int32_t>(fd, SOL_SOCKET, SO_RCVBUF), 100000);
-    EXPECT_EQ(stored<int32_t>(fd, SOL_SOCKET, SO_SNDBUF), 100000);
+    const Seen seen{::fcntl(fd, F_GETFD), stored<int32_t>(fd, SOL_SOCKET, SO_RCVBUF),
+                    stored<int32_t>(fd, SOL_SOCKET, SO_SNDBUF), bytesQueued(fd),
+                    socketBytesWritable(fd)};
+    EXPECT_EQ(seen.text, "1 100000 100000 0 83616") << "16384 bytes are held back";
   }
-  EXPECT_EQ(bytesQueued(fds[0]), 0);
-  EXPECT_EQ(socketBytesWritable(fds[0]), 100000 - 16384);
   EXPECT_EQ(::write(fds[0], "unread", 6), 6);
   EXPECT_GE(bytesQueued(fds[0]), 6);
-  EXPECT_EQ(socketBytesWritable(fds[0]), 100000 - 16384 - bytesQueued(fds[0]));
+  EXPECT_EQ(socketBytesWritable(fds[0]), 83616 - bytesQueued(fds[0]));
   setSendBuffer(fds[0], 5000);
-  EXPECT_EQ(socketBytesWritable(fds[0]), 0);
-  EXPECT_EQ(pendingError(fds[0]), 0);
+  EXPECT_EQ(Seen(socketBytesWritable(fds[0]), pendingError(fds[0])).text, "0 0");
   ::close(fds[1]);  // with unread data in it
   EXPECT_EQ(pendingError(fds[0]), ECONNRESET);
   ::close(fds[0]);
@@ -171,54 +160,56 @@ void refuseDescriptors() {
   ::setrlimit(RLIMIT_NOFILE, &none);
 }
 
-const std::string kNotPermitted = "Error is 1 'Operation not permitted'.";
+int32_t pipeWithoutDescriptors() {
+  refuseDescriptors();
+  int32_t fds[2] = {7, 7};
+  const int32_t result = createSocketPipe(fds, 4096);
+  return fds[0] == -1 && fds[1] == -1 ? result : 0;
+}
 
-const test::ChildCase kChildCases[] = {
-    {"uname refused", test::kAnyUser,
-     [] {
-       test::refuseSystemCall(SYS_uname);
-       return ensureSystemSupport() == 1 ? systemSupport().level : -1;
-     },
-     0,
-     "Socket: WARNING! Failed to get system info. " + kNotPermitted +
-         "\nSocket: WARNING! Assuming lowest system support.\n"
-         "Warning: Failed to get system info. " +
-         kNotPermitted + "\nWarning: Assuming lowest system support.\n"},
-    {"no descriptors for a pipe", test::kAnyUser,
-     [] {
-       refuseDescriptors();
-       int32_t fds[2] = {7, 7};
-       return createSocketPipe(fds, 4096) == -1 && fds[0] == -1 && fds[1] == -1 ? -1 : 0;
-     },
-     -EMFILE, told("Can't create the socket pipe. Error is 24 'Too many open files'.")},
-    {"no-inherit refused", test::kAnyUser,
-     [] {
-       ::close(0);  // where the pipe's first end comes to lie
-       test::refuseSystemCall(SYS_fcntl);
-       int32_t fds[2];
-       return createSocketPipe(fds, 4096);
-     },
-     -EPERM,
-     told("Can't set no-inherit mode on FD#0 to 1. " + kNotPermitted) +
-         told("Can't create the socket pipe. " + kNotPermitted)},
-    {"queue", test::kAnyUser, [] { return systemSupport().level = 5, socketBytesWritable(-1); },
-     -EBADF, told("Failed to get bytes queued on FD#-1. " + kBad)},
-    {"send buffer", test::kAnyUser,
-     [] {
-       systemSupport().level = 5;
-       ::dup2(::socket(AF_UNIX, SOCK_STREAM, 0), 0);
-       test::refuseSystemCall(SYS_getsockopt);
-       return socketBytesWritable(0);
-     },
-     -EPERM, told("Failed to get the SO_SNDBUF size on FD#0. " + kNotPermitted)},
-    {"pending error", test::kAnyUser, [] { return pendingError(-1); }, -EBADF,
-     told("Failed to get the SO_ERROR option for FD#-1. " + kBad)},
-    {"resolve without descriptors", test::kAnyUser,
-     [] { return refuseDescriptors(), resolveAddress("localhost") == 0 ? -h_errno : 0; }, -EMFILE,
-     told("Failed to resolve address 'localhost'.") + told("Error is 24 'Too many open files'.")},
-};
+int32_t pipeWithoutFlags() {
+  ::close(0);  // where the pipe's first end comes to lie
+  test::refuseSystemCall(SYS_fcntl);
+  int32_t fds[2];
+  return createSocketPipe(fds, 4096);
+}
+
+int32_t writableWithoutBufferSize() {
+  systemSupport().level = 5;
+  ::dup2(::socket(AF_UNIX, SOCK_STREAM, 0), 0);
+  test::refuseSystemCall(SYS_getsockopt);
+  return socketBytesWritable(0);
+}
+
 TEST(Socket, FailsInChildren) {
-  test::checkInChildren(kChildCases);
+  const std::string refused = "Error is 1 'Operation not permitted'.";
+  const test::ChildCase cases[] = {
+      {test::kAnyUser,
+       [] {
+         test::refuseSystemCall(SYS_uname);
+         return ensureSystemSupport() == 1 ? systemSupport().level : -1;
+       },
+       0,
+       "Socket: WARNING! Failed to get system info. " + refused +
+           "\nSocket: WARNING! Assuming lowest system support.\n"
+           "Warning: Failed to get system info. " +
+           refused + "\nWarning: Assuming lowest system support.\n"},
+      {test::kAnyUser, pipeWithoutDescriptors, -EMFILE,
+       told("Can't create the socket pipe. Error is 24 'Too many open files'.")},
+      {test::kAnyUser, pipeWithoutFlags, -EPERM,
+       told("Can't set no-inherit mode on FD#0 to 1. " + refused) +
+           told("Can't create the socket pipe. " + refused)},
+      {test::kAnyUser, [] { return systemSupport().level = 5, socketBytesWritable(-1); }, -EBADF,
+       told("Failed to get bytes queued on FD#-1. " + kBad)},
+      {test::kAnyUser, writableWithoutBufferSize, -EPERM,
+       told("Failed to get the SO_SNDBUF size on FD#0. " + refused)},
+      {test::kAnyUser, [] { return pendingError(-1); }, -EBADF,
+       told("Failed to get the SO_ERROR option for FD#-1. " + kBad)},
+      {test::kAnyUser,
+       [] { return refuseDescriptors(), resolveAddress("localhost") == 0 ? -h_errno : 0; }, -EMFILE,
+       told("Failed to resolve address 'localhost'.") + told("Error is 24 'Too many open files'.")},
+  };
+  test::checkInChildren(cases);
 }
 
 TEST(SocketAddress, TellsBothEnds) {
@@ -236,10 +227,8 @@ TEST(SocketAddress, TellsBothEnds) {
     char *localHost = string::assign("before"), *remoteHost = nullptr;
     int32_t localPort = 0, remotePort = 0;
     EXPECT_EQ(networkInfo(accepted, localHost, localPort, remoteHost, remotePort), 1);
-    EXPECT_STREQ(localHost, "127.0.0.1") << "family " << family;
-    EXPECT_STREQ(remoteHost, "127.0.0.1") << "family " << family;
-    EXPECT_EQ(localPort, ntohs(to.sin_port));
-    EXPECT_EQ(remotePort, portOf(calling, kLocal));
+    EXPECT_EQ(Seen(localHost, localPort, remoteHost, remotePort).text,
+              Seen("127.0.0.1", ntohs(to.sin_port), "127.0.0.1", portOf(calling, kLocal)).text);
     EXPECT_EQ(log.text(), "");
     string::release(localHost);
     string::release(remoteHost);
@@ -252,10 +241,7 @@ TEST_F(SocketOptions, EndsThatCannotBeTold) {
   char *localHost = nullptr, *remoteHost = nullptr;
   int32_t localPort = -1, remotePort = 0;
   EXPECT_EQ(networkInfo(tcp_, localHost, localPort, remoteHost, remotePort), -1);
-  EXPECT_STREQ(localHost, "0.0.0.0");
-  EXPECT_EQ(localPort, 0);
-  EXPECT_STREQ(remoteHost, "UNKNOWN");
-  EXPECT_EQ(remotePort, -1);
+  EXPECT_EQ(Seen(localHost, localPort, remoteHost, remotePort).text, "0.0.0.0 0 UNKNOWN -1");
   errno = 0;
   for (const int32_t fd : {other, -1}) {
     EXPECT_EQ(hostText(fd, kLocal), nullptr);
@@ -301,36 +287,35 @@ TEST(HostNames, AreResolvedBothWaysOrToldWhyNot) {
   EXPECT_STREQ(addressText(0xFF00FE7F), "127.254.0.255");
   const hostent* host = lookupAddress("127.0.0.1");
   EXPECT_STREQ(host != nullptr ? host->h_name : "none", "localhost");
-  EXPECT_EQ(resolveAddress(nullptr), 0u);
-  EXPECT_EQ(resolveAddress(""), 0u);
-  EXPECT_EQ(errno, EADDRNOTAVAIL);
+  EXPECT_EQ((Seen{resolveAddress(nullptr), resolveAddress(""), errno}.text), "0 0 99");
   EXPECT_EQ(log.text(), "");
 
   const auto reason = [] {
     return told("Error is " + std::to_string(h_errno) + " '" + resolverErrorText(h_errno) + "'.");
   };
   const std::string name(70, 'x');  // longer than a label may be: no server needs to be asked
-  EXPECT_EQ(resolveAddress(name.c_str()), 0u);
-  EXPECT_EQ(errno, EADDRNOTAVAIL);
+  EXPECT_EQ((Seen{resolveAddress(name.c_str()), errno}.text), "0 99");
   std::string lines = told("Failed to resolve address '" + name + "'.") + reason();
   EXPECT_EQ(lookupAddress("no-address"), nullptr);
   EXPECT_EQ(lookupAddress(nullptr), nullptr);
   lines += told("Wrong IPv4 dotted-decimal address 'no-address'.");
   lines += told("Wrong IPv4 dotted-decimal address 'nil'.");
   EXPECT_EQ(log.withoutPrefixes(), lines);
+}
 
-  std::string texts;
-  for (const int32_t number : {1, 2, 3, 4, 0, 5, -1})
-    texts += resolverErrorText(number) + std::string(";");
-  EXPECT_EQ(texts,
-            "The specified host is unknown;Temporary name server error;"
-            "Non-recoverable name server error;Host does not have an IP address;"
-            "Unknown;Unknown;Unknown;");
-  const struct {
-    const char* text;
-    int32_t result;
-  } cases[] = {{nullptr, -1}, {"", -1}, {"127.0.0.1", 1}, {"127.0.0.1:80", 1}, {"127.x", 0}};
-  for (const auto& c : cases) EXPECT_EQ(isAddressText(c.text), c.result);
+TEST(HostNames, TextsOfErrorsAndAddresses) {
+  const char* const texts[] = {"Unknown",
+                               "The specified host is unknown",
+                               "Temporary name server error",
+                               "Non-recoverable name server error",
+                               "Host does not have an IP address",
+                               "Unknown"};
+  for (int32_t number = 0; number < 6; ++number) {
+    EXPECT_STREQ(resolverErrorText(number), texts[number]);
+  }
+  const Seen seen{isAddressText(nullptr), isAddressText(""), isAddressText("127.0.0.1"),
+                  isAddressText("127.0.0.1:80"), isAddressText("127.x")};
+  EXPECT_EQ(seen.text, "-1 -1 1 1 0");
 }
 
 }  // namespace
