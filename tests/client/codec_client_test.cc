@@ -8,11 +8,12 @@
 #include <cstdlib>
 
 #include "client/service_end.h"
+#include "tests/support/message_bytes.h"
 
 namespace qora::client {
 namespace {
 
-using Bytes = std::vector<uint8_t>;
+using test::Bytes;
 
 int32_t startPeer(CodecClient& client, const char* script, const char* codecRoot = "/the/root") {
   setenv("PEER_SCRIPT", script, 1);
@@ -29,34 +30,30 @@ void expectError(int error, int32_t result) {
 }
 
 TEST(CodecClientTest, SendsTheBytesOfEachCommand) {
+  using test::bytesOf, test::operator+;
   CodecClient client;
   ASSERT_EQ(1, startPeer(client, "echo"));
-  const service::Rectangle rectangle{-2, 16, 32, 48, 0x140};
-  const service::RegionCopy copy{6, 1, 2, 3, 4, 5, 6};
+  const service::AddStreamRequest add{service::kAnnexBFlag, 7, 2, 0x1122, 10, 40, 0x280, 0x168};
+  const service::EncodeRequest encode{7, 1, 99, {0, 256, 512}, {64, 32, 32}, 99};
+  const test::FrameHints hints{{{-2, 16, 32, 48, 64}, {}}, {{6, 1, 2, 3, 4, 5, 6}}, 1};
   EXPECT_EQ(1, client.attachSegment(0x01020304));
-  EXPECT_EQ(1, client.addStream({service::kAnnexBFlag, 7, 2, 0x1122, 10, 40, 0x280, 0x168}));
-  EXPECT_EQ(1,
-            client.encode({7, 1, 0, {0, 256, 512}, {64, 32, 32}, 0}, {&rectangle, 1}, {&copy, 1}));
+  EXPECT_EQ(1, client.addStream(add));
+  EXPECT_EQ(1, client.encode(encode, hints.rectangles, hints.copies));
   EXPECT_EQ(1, client.removeStream(7));
   EXPECT_EQ(1, client.removeSegment(0x01020304));
   EXPECT_EQ(1, client.encode({}, {}, {}));
-  // clang-format off
-  const Bytes before = {
-      12, 0, 0, 0, 3, 0, 0, 0, 4, 3, 2, 1,                               // attach
-      16, 0, 0, 0, 0, 4, 7, 2, 0x22, 0x11, 10, 40, 0x80, 2, 0x68, 1,     // add
-      72, 0, 0, 0, 2, 0, 7, 1, 0, 0, 0, 0, 12, 0, 0, 0,                  // encode
-      0, 0, 0, 0, 64, 0, 0, 0, 0, 1, 0, 0, 32, 0, 0, 0, 0, 2, 0, 0, 32, 0, 0, 0, 16, 0, 0, 0,
-      0xFE, 0, 0, 0, 16, 0, 32, 0, 48, 0, 0x40, 1,                       // its rectangle
-      0, 0, 0, 6, 1, 0, 2, 0, 3, 0, 4, 0, 5, 0, 6, 0};                   // and its copy
-  const Bytes between = {8, 0, 0, 0, 1, 0, 7, 0, 12, 0, 0, 0, 4, 0, 0, 0, 4, 3, 2, 1};
-  // clang-format on
   Reply reply;
   ASSERT_EQ(1, client.readReply(reply));
-  EXPECT_EQ(before, reply.frame);
+  EXPECT_EQ(bytesOf(service::buildSegmentMessage(service::CommandType::attachSegment, 0x01020304)) +
+                bytesOf(service::buildAddStream(add)) + test::encodeMessage(encode, hints),
+            reply.frame);
   EXPECT_EQ(5u, encodeMilliseconds(reply.fields));  // across the clock's wrap
   ASSERT_EQ(1, client.readReply(reply));
-  reply.frame.resize(between.size());
-  EXPECT_EQ(between, reply.frame);
+  EXPECT_EQ(
+      bytesOf(service::buildRemoveStream(7)) +
+          bytesOf(service::buildSegmentMessage(service::CommandType::removeSegment, 0x01020304)) +
+          test::encodeMessage({}, {}),
+      reply.frame);
 }
 
 TEST(CodecClientTest, MatchesRepliesByOrder) {

@@ -10,42 +10,19 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <string>
 
-#include "service/byte_order.h"
 #include "service/messages.h"
 
-namespace {
-
-// False at the end of input.
-bool readAll(char* bytes, size_t size) {
-  while (size > 0) {
-    const ssize_t count = ::read(0, bytes, size);
-    if (count <= 0) return false;
-    bytes += count;
-    size -= static_cast<size_t>(count);
-  }
-  return true;
-}
-
-void writeAll(const std::string& bytes) {
-  for (size_t done = 0; done < bytes.size();) {
-    const ssize_t count = ::write(1, bytes.data() + done, bytes.size() - done);
-    if (count <= 0) _exit(32);
-    done += static_cast<size_t>(count);
-  }
-}
-
-std::string tellSurroundings() {
+static std::string tellSurroundings() {
   std::string text = getenv("QORA_SYSTEM");
   for (int fd = 0; fd < 64; ++fd) {
     if (fcntl(fd, F_GETFD) != -1) text.append(1, ' ').append(std::to_string(fd));
   }
   return text;
 }
-
-}  // namespace
 
 int main() {
   const std::string script = getenv("PEER_SCRIPT");
@@ -55,28 +32,23 @@ int main() {
   if (verb == "signal") raise(number);
 
   std::string received;
-  for (std::string command(6, '\0'); readAll(command.data(), 6); command.resize(6)) {
-    const auto* bytes = reinterpret_cast<const uint8_t*>(command.data());
-    command.resize(qora::service::readUint32(bytes, 0));
-    if (!readAll(command.data() + 6, command.size() - 6)) break;
-    received += command;
-    if (command[4] != 2) continue;
+  for (uint8_t head[6]; fread(head, 1, 6, stdin) == 6;) {
+    std::string body(static_cast<size_t>(head[0] + head[1] * 256 + head[2] * 65536 - 6), '\0');
+    if (fread(body.data(), 1, body.size(), stdin) != body.size()) break;
+    received.append(head, head + 6).append(body);
+    if (head[4] != 2) continue;
 
-    std::string frame = verb == "echo"   ? received
-                        : verb == "tell" ? tellSurroundings()
-                                         : std::string(static_cast<size_t>(number), command[6]);
-    const auto head =
-        qora::service::buildReplyHead({.keyFrame = 1,
-                                       .quantizer = 255,
-                                       .frameSize = static_cast<uint32_t>(frame.size()),
-                                       .startTime = 0xFFFFFFFE,
-                                       .endTime = 3});
-    const std::string answer = std::string(head.begin(), head.end()) + frame;
-    if (verb == "half") {
-      writeAll(answer.substr(0, answer.size() / 2));
-      return number;
-    }
-    writeAll(verb == "garbage" ? std::string(20, 'x') : answer);
+    const std::string frame = verb == "echo"   ? received
+                              : verb == "tell" ? tellSurroundings()
+                                               : std::string(static_cast<size_t>(number), body[0]);
+    const auto answer =
+        qora::service::buildReplyHead({1, 255, static_cast<uint32_t>(frame.size()), 0xFFFFFFFE, 3});
+    received.assign(answer.begin(), answer.end()).append(frame);
+    if (verb == "half") received.resize(received.size() / 2);
+    if (verb == "garbage") received.assign(20, 'x');
+    fwrite(received.data(), 1, received.size(), stdout);
+    fflush(stdout);
+    if (verb == "half") return number;
     received.clear();
   }
   if (verb == "hang") pause();
