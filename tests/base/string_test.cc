@@ -91,10 +91,9 @@ TEST(String, Replaces) {
 TEST(String, JudgesTexts) {
   const char* const text = "frame.264";
   EXPECT_EQ(endsWith(text, ".264"), text + 5);
-  for (const char* affix : {"frame.264x", "264."}) EXPECT_EQ(endsWith(text, affix), nullptr);
+  EXPECT_EQ(endsWith(text, "frame.264x"), nullptr);
   EXPECT_EQ(startsWith(text, "frame.264x"), nullptr);
   for (const auto& judge : {startsWith, endsWith}) EXPECT_EQ(judge(text, "frame.264"), text);
-  for (const char* path : {"/a", "a", ""}) EXPECT_EQ(isAbsolutePath(path), path[0] == '/');
   for (const char* path : {"../", "abc/../d", "/ab/../c"}) EXPECT_EQ(hasParentReference(path), 1);
   for (const char* path : {"", "..", "a/../b", "/../a", "ab/../c", "abcd/.."}) {
     EXPECT_EQ(hasParentReference(path), 0) << path;
