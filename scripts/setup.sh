@@ -14,6 +14,7 @@ tests=(
   git python3     # format check, include check
   ffmpeg          # decodes what was encoded
   strace valgrind
+  pkg-config libavcodec-dev libavutil-dev # a decoder whose pictures can be changed
 )
 demo=(
   ffmpeg

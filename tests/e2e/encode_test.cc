@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/e2e/direct_encoder.h"
+#include "tests/support/direct_encoder.h"
 #include "tests/support/message_bytes.h"
 #include "tests/support/service_process.h"
 
