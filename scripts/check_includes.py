@@ -18,6 +18,7 @@ LAYERS = {
     # Not base: the bridge is loaded into our own process and must not bring a second copy along.
     "bridge": ["encoder/param_layout.h", "encoder/x264_abi.h", "bridge/*"],
     "client": ["base/*", "client/*", "service/messages.h", "service/byte_order.h"],
+    "sandbox": ["sandbox/*"],
     "tools": ["base/*", "client/*", "tools/*"],
     "tests": ["*"],
     "fuzz": ["*"],
