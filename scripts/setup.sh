@@ -5,6 +5,7 @@ set -euo pipefail
 
 build=(
   g++ clang cmake ninja-build
+  pkg-config libseccomp-dev # the sandbox's filter
   libx264-dev # the bridge is compiled against its header and drives its library
 )
 tests=(
@@ -14,6 +15,8 @@ tests=(
   git python3     # format check, include check
   ffmpeg          # decodes what was encoded
   strace valgrind
+  bubblewrap
+  libavcodec-dev libavutil-dev # a decoder whose pictures can be changed
 )
 demo=(
   ffmpeg
