@@ -12,7 +12,8 @@ tests=(
   clang-format-14 # other versions format differently
   git python3     # format check, include check
   ffmpeg          # decodes what was encoded
-  strace valgrind
+  strace valgrind # stress/, beside gnuplot for its plot
+  gnuplot-nox
 )
 demo=(
   ffmpeg
