@@ -10,6 +10,8 @@
 
 #include <cstdint>
 
+#include "base/options.h"
+
 namespace qora::process {
 
 // --- status (process_status.cc) ---
@@ -111,6 +113,8 @@ int32_t isItem(const char* position, const char* key);
 // string::replacePrefix; 0 also when the prefix or the replacement is null or empty.
 int32_t replaceParameterPrefix(char*& slot, const char* prefix, const char* replacement);
 
+using options::parseOption;
+
 // --- start (process_start.cc) ---
 
 // fork, while no other thread is inside an accessor of the logger; the child gets a fresh logger
@@ -129,7 +133,8 @@ int32_t execProgram(const char* path, int32_t count, const char* const arguments
 //                   on, then null. Fewer than two entries: -1 with EINVAL.
 //   environment     as execProgram takes it.
 //   input, output,  become the child's descriptors 0, 1 and 2 and are closed there under their
-//   error           old numbers; -1 keeps the parent's. One descriptor may serve several roles.
+//   error           old numbers; -1 or that very number keeps the parent's. One descriptor may
+//                   serve several roles when each of them names it.
 //   priority        niceness or priority class of the child.
 //   keepPrivileges  0: the child gives up set-user and set-group privileges.
 // Returns the child's process id, to be waited for, or -1. The child logs nothing: a program that

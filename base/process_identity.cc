@@ -17,7 +17,7 @@ namespace {
 template <typename... Pieces>
 int32_t failed(const Pieces&... pieces) {
   KeepErrno keep;
-  (logStream() << "Process: ERROR! " << ... << pieces) << "\n";
+  ((logStream() << "Process: ERROR! ") << ... << pieces) << "\n";
   logStream() << "Process: ERROR! Error is " << keep.value << ", " << errorText(keep.value)
               << ".\n";
   return -1;

@@ -14,7 +14,7 @@ namespace {
 template <typename... Pieces>
 int32_t failed(const Pieces&... pieces) {
   KeepErrno keep;
-  (logStream() << "Process: WARNING! " << ... << pieces) << "\n";
+  ((logStream() << "Process: WARNING! ") << ... << pieces) << "\n";
   logStream() << "Process: WARNING! Error is " << keep.value << " '" << orNil(errorText(keep.value))
               << "'.\n";
   return -1;

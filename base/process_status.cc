@@ -33,7 +33,7 @@ constexpr const char* kTemporaryVariables[] = {"TEMP", "TMP"};
 template <typename... Pieces>
 int32_t failed(const Pieces&... pieces) {
   KeepErrno keep;
-  (logStream() << "Process: ERROR! " << ... << pieces) << "\n";
+  ((logStream() << "Process: ERROR! ") << ... << pieces) << "\n";
   logStream() << "Process: ERROR! Error is " << keep.value << " '" << orNil(errorText(keep.value))
               << "'.\n";
   return -1;

@@ -21,7 +21,7 @@ inline std::ostream& operator<<(std::ostream& stream, const ErrorIs& is) {
 template <typename... Pieces>
 void reportError(const Pieces&... pieces) {
   KeepErrno keep;
-  (logStream() << "Socket: ERROR! " << ... << pieces) << "\n";
+  ((logStream() << "Socket: ERROR! ") << ... << pieces) << "\n";
   (errorStream() << ... << pieces) << "\n";
 }
 
@@ -37,7 +37,7 @@ void reportErrorInTwoLines(const Pieces&... pieces) {
 template <typename... Pieces>
 void reportWarning(const Pieces&... pieces) {
   KeepErrno keep;
-  (logStream() << "Socket: WARNING! " << ... << pieces) << "\n";
+  ((logStream() << "Socket: WARNING! ") << ... << pieces) << "\n";
   (warningStream() << ... << pieces) << "\n";
 }
 

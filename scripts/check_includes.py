@@ -39,7 +39,7 @@ BASE_ARROWS = {
     "library": ["logger"],
     "mutex": ["logger"],
     "options": [],
-    "process": ["keep_errno", "logger", "mutex", "signal", "string"],
+    "process": ["keep_errno", "logger", "mutex", "options", "signal", "string"],
     "signal": ["keep_errno", "logger"],
     "socket": ["keep_errno", "logger", "string"],
     "string": ["logger"],

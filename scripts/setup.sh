@@ -8,6 +8,7 @@ build=(
   libx264-dev # the bridge is compiled against its header and drives its library
 )
 tests=(
+  libclang-rt-14-dev llvm-14 # the fuzzing engine; readable traces of what it finds
   libgtest-dev libgmock-dev
   clang-format-14 # other versions format differently
   git python3     # format check, include check

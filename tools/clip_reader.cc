@@ -95,9 +95,8 @@ int32_t ClipReader::readFrameLine() {
   if (whole == 0 && line.empty()) return 0;
   const bool isFrame = line.starts_with(kY4mFrame) &&
                        (line.size() == kY4mFrame.size() || line[kY4mFrame.size()] == ' ');
-  if (isFrame && whole == 1) return 1;
-  if (whole == 0 && kY4mFrame.starts_with(line)) return failAtFrame("is cut off");
-  return failAtFrame("does not begin with FRAME");
+  if (whole == 0 && (isFrame || kY4mFrame.starts_with(line))) return failAtFrame("is cut off");
+  return isFrame ? 1 : failAtFrame("does not begin with FRAME");
 }
 
 int32_t ClipReader::read(const client::Picture& picture) {

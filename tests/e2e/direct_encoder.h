@@ -4,9 +4,20 @@
 
 #include <cstdint>
 
-#include "tests/support/message_bytes.h"
+#include <vector>
+
+#include "service/messages.h"
 
 namespace qora::test {
+
+using Bytes = std::vector<uint8_t>;
+
+// What steers one frame.
+struct FrameHints {
+  std::vector<service::Rectangle> rectangles;
+  std::vector<service::RegionCopy> copies = {};
+  uint8_t invalidate = 0;
+};
 
 // An I420 picture without padding.
 struct Picture {

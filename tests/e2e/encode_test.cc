@@ -2,17 +2,20 @@
 // makes of them.
 #include <gtest/gtest.h>
 #include <sys/shm.h>
+#include <unistd.h>
 
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "client/codec_client.h"
 #include "tests/e2e/direct_encoder.h"
-#include "tests/support/message_bytes.h"
-#include "tests/support/service_process.h"
+#include "tests/support/captured_log.h"
+#include "tests/support/temporary_root.h"
 
 namespace qora::service {
 namespace {
@@ -24,49 +27,48 @@ using test::Picture;
 
 constexpr int32_t kSegmentBytes = 8 << 20;
 
-struct Reply {
-  ReplyFields head;
-  Bytes payload;
-};
-
 // A service with one segment, driven frame by frame.
 class Session {
  public:
-  Session() : service_(SERVICE, {"QORA_SYSTEM=" CODEC_ROOT}) {
-    const int32_t id = shmget(IPC_PRIVATE, kSegmentBytes, 0600);
-    memory_ = static_cast<uint8_t*>(shmat(id, nullptr, 0));
-    send(buildSegmentMessage(CommandType::attachSegment, id));
-    segment_ = id;
+  Session() : segment_(shmget(IPC_PRIVATE, kSegmentBytes, 0600)) {
+    memory_ = static_cast<uint8_t*>(shmat(segment_, nullptr, 0));
+    shmctl(segment_, IPC_RMID, nullptr);
+    EXPECT_EQ(client_.start({SERVICE, CODEC_ROOT, fileno(log_)}), 1);
+    client_.attachSegment(segment_);
   }
   ~Session() {
-    shmctl(segment_, IPC_RMID, nullptr);
     shmdt(memory_);
+    fclose(log_);
   }
 
-  template <typename Message>
-  void send(const Message& message) {
-    service_.write({message.begin(), message.end()});
-  }
-  Reply encode(uint8_t id, const Picture& picture, const FrameHints& hints) {
+  client::CodecClient& client() { return client_; }
+  client::Reply encode(uint8_t id, const Picture& picture, const FrameHints& hints) {
     memcpy(memory_, picture.data.data(), picture.data.size());
     EncodeRequest request{};
     request.streamId = id;
+    request.invalidate = hints.invalidate;
     for (int32_t plane = 0; plane < 3; ++plane) {
       request.planeOffset[plane] = static_cast<uint32_t>(picture.offset(plane));
       request.planeStride[plane] = static_cast<uint32_t>(picture.stride(plane));
     }
-    service_.write(encodeMessage(request, hints));
-    const Bytes reply = service_.read(kReplyHeadSize);
-    if (reply.size() < kReplyHeadSize) return {};
-    const ReplyFields fields = parseReplyHead(reply.data());
-    return {fields, service_.read(fields.frameSize)};
+    client::Reply reply;
+    EXPECT_EQ(client_.encode(request, hints.rectangles, hints.copies), 1);
+    EXPECT_EQ(client_.readReply(reply), 1) << client_.endText();
+    return reply;
   }
-  test::Ending finish() { return service_.finish(); }
+  // Ends the service in order; what it had to say.
+  std::string finish() {
+    EXPECT_EQ(client_.stop(), 1) << client_.endText();
+    std::string text(65536, '\0');
+    text.resize(static_cast<size_t>(pread(fileno(log_), text.data(), text.size(), 0)));
+    return test::stripTimePrefixes(text);
+  }
 
  private:
-  test::ServiceProcess service_;
+  FILE* log_ = tmpfile();
   int32_t segment_;
   uint8_t* memory_;
+  client::CodecClient client_;
 };
 
 // A textured ground that stands still and a textured box that crosses it; `moving` lets the whole
@@ -148,18 +150,18 @@ double lumaPsnr(const Picture& picture, const char* decoded) {
 TEST(Encode, AQualityStreamEqualsTheInProcessCallsAndDecodesAlmostWithoutLoss) {
   Session session;
   const auto settings = stream(0, 322, 240);  // not a whole number of macroblocks
-  session.send(buildAddStream(settings));
+  session.client().addStream(settings);
   DirectEncoder direct(settings);
   Bytes coded;
   std::vector<Picture> pictures;
   for (int32_t number = 0; number < 50; ++number) {
     const Frame frame = makeFrame(322, 240, number, false);
-    const Reply reply = session.encode(0, frame.picture, frame.hints);
-    ASSERT_TRUE(reply.payload == direct.encode(frame.picture, frame.hints)) << number;
-    EXPECT_EQ(reply.head.keyFrame, number == 0 ? 1 : 0);
-    EXPECT_EQ(reply.head.quantizer, direct.quantizer());
-    EXPECT_LE(reply.head.startTime, reply.head.endTime);
-    coded.insert(coded.end(), reply.payload.begin(), reply.payload.end());
+    const client::Reply reply = session.encode(0, frame.picture, frame.hints);
+    ASSERT_TRUE(reply.frame == direct.encode(frame.picture, frame.hints)) << number;
+    EXPECT_EQ(reply.fields.keyFrame, number == 0 ? 1 : 0);
+    EXPECT_EQ(reply.fields.quantizer, direct.quantizer());
+    EXPECT_LE(reply.fields.startTime, reply.fields.endTime);
+    coded.insert(coded.end(), reply.frame.begin(), reply.frame.end());
     pictures.push_back(frame.picture);
   }
   const Decoded decoded = decode(coded);
@@ -169,15 +171,13 @@ TEST(Encode, AQualityStreamEqualsTheInProcessCallsAndDecodesAlmostWithoutLoss) {
   for (size_t i = 0; i < pictures.size(); ++i) {
     EXPECT_GE(lumaPsnr(pictures[i], decoded.pictures.data() + i * pictureSize), 45.0) << i;
   }
-  const test::Ending ending = session.finish();
-  EXPECT_EQ(ending.status, 0);
-  EXPECT_EQ(ending.log, "");
+  EXPECT_EQ(session.finish(), "");
 }
 
 TEST(Encode, CopiesInvalidationAndQuantizersReachTheEncoder) {
   Session session;
   const auto settings = stream(3, 320, 240);
-  session.send(buildAddStream(settings));
+  session.client().addStream(settings);
   DirectEncoder direct(settings);
   DirectEncoder withoutCopies(settings);
   bool differed = false;
@@ -188,12 +188,12 @@ TEST(Encode, CopiesInvalidationAndQuantizersReachTheEncoder) {
     frame.hints.invalidate = number == 12 ? 1 : 0;
     const FrameHints plain = frame.hints;
     frame.hints.copies = {{0, 23, 20, 20, 20, 280, 200}, {6, 30, 31, 34, 30, 101, 99}};
-    const Reply reply = session.encode(3, frame.picture, frame.hints);
-    ASSERT_TRUE(reply.payload == direct.encode(frame.picture, frame.hints)) << number;
-    differed = differed || reply.payload != withoutCopies.encode(frame.picture, plain);
+    const client::Reply reply = session.encode(3, frame.picture, frame.hints);
+    ASSERT_TRUE(reply.frame == direct.encode(frame.picture, frame.hints)) << number;
+    differed = differed || reply.frame != withoutCopies.encode(frame.picture, plain);
   }
   EXPECT_TRUE(differed);
-  const std::string log = session.finish().log;
+  const std::string log = session.finish();
   EXPECT_EQ(log.find("CodecFrame: WARNING! Skipping invalid rectangle [999,0,1009,10].\n"), 0U);
   EXPECT_NE(log.find("CodecFrame: WARNING! Reference frame is empty.\n"), std::string::npos);
 }
@@ -202,14 +202,14 @@ TEST(Encode, ABitrateStreamKeepsItsRateOnMovingContent) {
   constexpr int32_t kFrames = 200;
   Session session;
   const auto settings = stream(1, 320, 240, 800);
-  session.send(buildAddStream(settings));
+  session.client().addStream(settings);
   DirectEncoder direct(settings);
   size_t bytes = 0;
   for (int32_t number = 0; number < kFrames; ++number) {
     const Frame frame = makeFrame(320, 240, number, true);
-    const Reply reply = session.encode(1, frame.picture, frame.hints);
-    ASSERT_TRUE(reply.payload == direct.encode(frame.picture, frame.hints)) << number;
-    bytes += reply.payload.size();
+    const client::Reply reply = session.encode(1, frame.picture, frame.hints);
+    ASSERT_TRUE(reply.frame == direct.encode(frame.picture, frame.hints)) << number;
+    bytes += reply.frame.size();
   }
   EXPECT_NEAR(static_cast<double>(bytes) * 8 * 25 / kFrames / 1000, 800, 80);
 }
@@ -217,9 +217,9 @@ TEST(Encode, ABitrateStreamKeepsItsRateOnMovingContent) {
 TEST(Encode, StartCodesOrLengthsStandBeforeTheNalUnits) {
   for (const uint8_t flags : {0x04, 0x03}) {
     Session session;
-    session.send(buildAddStream(stream(0, 64, 48, 0, flags)));
+    session.client().addStream(stream(0, 64, 48, 0, flags));
     const Frame frame = makeFrame(64, 80, 0, false);
-    Bytes payload = session.encode(0, frame.picture, frame.hints).payload;
+    Bytes payload = session.encode(0, frame.picture, frame.hints).frame;
     ASSERT_GT(payload.size(), 8U);
     if (flags == 0x04) {
       EXPECT_EQ(Bytes(payload.begin(), payload.begin() + 5), (Bytes{0, 0, 0, 1, 0x67}));
@@ -244,8 +244,8 @@ TEST(Encode, EightStreamsSideBySideAndResizedDoNotDisturbEachOther) {
   for (int32_t round = 0; round < 2; ++round) {  // the second: the same ids in other sizes
     direct.clear();
     for (uint8_t id = 0; id < kStreamCount; ++id) {
-      if (round == 1) session.send(buildRemoveStream(id));
-      session.send(buildAddStream(settingsOf(id, round)));
+      if (round == 1) session.client().removeStream(id);
+      session.client().addStream(settingsOf(id, round));
       direct.push_back(std::make_unique<DirectEncoder>(settingsOf(id, round)));
     }
     for (int32_t number = 0; number < 12; ++number) {
@@ -254,13 +254,13 @@ TEST(Encode, EightStreamsSideBySideAndResizedDoNotDisturbEachOther) {
         const Frame frame = makeFrame(settings.width, settings.height, number + id, number > 6);
         FrameHints hints = frame.hints;
         hints.rectangles.push_back({-3, 0, 0, 40, 40});
-        const Reply reply = session.encode(id, frame.picture, hints);
-        ASSERT_TRUE(reply.payload == direct[id]->encode(frame.picture, hints))
+        const client::Reply reply = session.encode(id, frame.picture, hints);
+        ASSERT_TRUE(reply.frame == direct[id]->encode(frame.picture, hints))
             << "stream " << +id << " frame " << number << " round " << round;
       }
     }
   }
-  EXPECT_EQ(session.finish().status, 0);
+  EXPECT_EQ(session.finish(), "");
 }
 
 }  // namespace

@@ -9,7 +9,7 @@
 
 #include "tests/support/captured_log.h"
 #include "tests/support/scoped_process_state.h"
-#include "tests/support/service_process.h"
+#include "tests/support/temporary_root.h"
 
 namespace qora::encoder {
 namespace {
@@ -117,28 +117,6 @@ TEST(EncoderApi, NeedsEveryFunctionAndTriesTheSecondPlace) {
     EXPECT_EQ(encoderApi().libraryPath, nullptr);
     EXPECT_EQ(withoutLoaderWords(both.log.withoutPrefixes()), lines + lines);
   }
-}
-
-TEST(EncoderApi, SkipsAMissingFileSilentlyButTellsOfOneThatIsNoLibrary) {
-  Load missing({});
-  EXPECT_EQ(missing.result, -1);
-  EXPECT_EQ(missing.error, ENOENT);
-  EXPECT_EQ(missing.log.text(), "");
-  Load text({{kFirst, "/etc/passwd"}, {kSecond, fake("build_142")}});
-  EXPECT_EQ(text.result, 1);
-  EXPECT_EQ(text.log.withoutPrefixes(),
-            "CodecLoad: WARNING! Can't load '" + text.root.path() + "/lib/libx264.so' library.\n");
-}
-
-TEST(EncoderApi, WarnsTwiceWithoutTheEnvironment) {
-  test::ScopedProcessState state;
-  test::CapturedLog log;
-  unsetenv("QORA_SYSTEM");
-  EXPECT_EQ(loadEncoderLibrary(), -1);
-  EXPECT_EQ(log.withoutPrefixes(),
-            "CodecLoad: WARNING! Can't find QORA_SYSTEM environment.\n"
-            "CodecLoad: WARNING! Can't find QORA_SYSTEM environment.\n");
-  EXPECT_EQ(unloadEncoderLibrary(), 1);
 }
 
 }  // namespace

@@ -82,22 +82,6 @@ TEST_F(Channel, HandsOutTwoMessagesOfOneReadAndCompletesASplitOne) {
   EXPECT_EQ(message[6], 9);
 }
 
-TEST_F(Channel, EndsWithEioAtTheEndOfInputWhereverItComes) {
-  uint8_t* message = nullptr;
-  send({8, 0, 0});
-  endInput();
-  EXPECT_EQ(nextMessage(message), -1);
-  EXPECT_EQ(errno, EIO);
-  hold(6, {8, 0, 0, 0, 1, 0});
-  ASSERT_EQ(nextMessage(message), 6);
-  EXPECT_EQ(completeMessage(message, 8, 2), -1);
-  EXPECT_EQ(errno, EIO);
-  channelState().input = -1;
-  channelState().available = 0;
-  EXPECT_EQ(nextMessage(message), -1);
-  EXPECT_EQ(errno, EBADF);
-}
-
 TEST_F(Channel, GrowsWithTheHeaderAtTheSameDistance) {
   test::CapturedLog log;
   hold(65530, counting(10));

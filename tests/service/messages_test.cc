@@ -2,14 +2,19 @@
 
 #include <gtest/gtest.h>
 
+#include <vector>
+
 #include "service/byte_order.h"
-#include "tests/support/message_bytes.h"
 
 namespace qora::service {
 namespace {
 
-using test::Bytes;
-using test::bytesOf;
+using Bytes = std::vector<uint8_t>;
+
+template <typename Message>
+Bytes bytesOf(const Message& message) {
+  return {message.begin(), message.end()};
+}
 
 TEST(Messages, StandOnTheWireAsParentsKnowThem) {
   EXPECT_EQ(bytesOf(buildAddStream({0x04, 7, 2, 0x1234, 10, 51, 1920, 1080})),

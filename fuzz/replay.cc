@@ -1,0 +1,44 @@
+// fuzz/replay.cc -- Runs a fuzzer over files, without an engine.
+//
+// Usage: replay_NAME PATH...; a folder stands for its files. Each file is run whole, then cut after
+// every one of its bytes. A file that breaks something ends the program where it breaks.
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <vector>
+
+#include "fuzz/fuzz.h"
+
+namespace {
+
+int runFile(const std::filesystem::path& path) {
+  std::ifstream file(path, std::ios::binary);
+  const std::vector<char> read(std::istreambuf_iterator<char>(file), {});
+  std::printf("%s\n", path.c_str());
+  std::fflush(stdout);
+  for (size_t size = read.size() + 1; size-- > 0;) {
+    // A block of its own, so that a sanitizer sees the very end.
+    const std::vector<uint8_t> bytes(read.begin(), read.begin() + static_cast<ptrdiff_t>(size));
+    LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
+  }
+  return 1;
+}
+
+}  // namespace
+
+int main(int count, char* arguments[]) {
+  int files = 0;
+  for (int i = 1; i < count; ++i) {
+    if (!std::filesystem::is_directory(arguments[i])) {
+      files += runFile(arguments[i]);
+      continue;
+    }
+    for (const auto& entry : std::filesystem::directory_iterator(arguments[i])) {
+      files += runFile(entry.path());
+    }
+  }
+  std::printf("%d files\n", files);
+  return files > 0 ? 0 : 1;
+}

@@ -1,0 +1,151 @@
+// The program from outside: what it says, how it ends, what it leaves behind.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+
+#include "base/process.h"
+#include "tests/client/table.h"
+#include "tests/support/temporary_root.h"
+
+namespace qora::test {
+namespace {
+
+void write(const std::string& name, const std::string& content) {
+  std::ofstream(name) << content;
+}
+std::string read(const std::string& name) {
+  std::ifstream file(name);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+bool madeASegment(pid_t tool) {
+  std::ifstream list("/proc/sysvipc/shm");
+  std::string line;
+  for (std::getline(list, line); std::getline(list, line);) {
+    if (splitWords(line)[4] == std::to_string(tool)) return true;  // the creator
+  }
+  return false;
+}
+
+// Runs in a folder of its own; a service that outlives the tool becomes our child.
+class QoraEncodeTest : public testing::Test {
+ protected:
+  QoraEncodeTest() {
+    unsetenv("QORA_SYSTEM");
+    prctl(PR_SET_CHILD_SUBREAPER, 1);
+    std::filesystem::current_path(folder_.path());
+  }
+  ~QoraEncodeTest() override {
+    prctl(PR_SET_CHILD_SUBREAPER, 0);
+    std::filesystem::current_path("/");
+  }
+
+  void start(const std::string& arguments) {
+    const std::vector<std::string> words = splitWords(arguments);
+    std::vector<const char*> program = {QORA_ENCODE, "qora-encode"};
+    for (const std::string& word : words) program.push_back(word.c_str());
+    program.push_back(nullptr);
+    error_ = memfd_create("error", MFD_CLOEXEC);
+    const int input = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    tool_ = process::createProcess(nullptr, program.data(), nullptr, input, -1, error_, 0, 1);
+    close(input);
+  }
+  // The exit status, and what stood on standard error.
+  std::string end() {
+    int status = 0;
+    waitpid(tool_, &status, 0);
+    const std::string said = read("/proc/self/fd/" + std::to_string(error_));
+    close(error_);
+    EXPECT_TRUE(waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD) << "a child is left";
+    EXPECT_FALSE(madeASegment(tool_)) << "a segment is left";
+    return std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : -1) + " " + said;
+  }
+  std::string run(const std::string& arguments) {
+    start(arguments);
+    return end();
+  }
+
+  const TemporaryRoot folder_;
+  pid_t tool_ = -1;
+  int error_ = -1;
+};
+
+// A clip of 48x32: grey, grey once more, then a frame with one changed macroblock.
+std::string clip(const char* header, const char* frame) {
+  const std::string grey(48 * 32 * 3 / 2, '\x80');
+  std::string dotted = grey;
+  dotted[20 * 48 + 40] = '\x10';
+  return header + (frame + grey) + frame + grey + frame + dotted;
+}
+
+TEST_F(QoraEncodeTest, EncodesAClipInSeveralStreams) {
+  write("clip", clip("YUV4MPEG2 W48 H32 F50:1 C420jpeg\n", "FRAME Ip\n"));
+  write("raw", clip("", ""));
+  std::string said = run("clip -o out.264 --streams 2 --stats out.csv");
+  EXPECT_TRUE(said.starts_with("0 encoded 3 frames, ")) << said;
+  EXPECT_TRUE(said.ends_with("2 streams, 38.9% of the macroblocks changed\n")) << said;
+  EXPECT_TRUE(read("out.264").starts_with(std::string("\0\0\0\1", 4)));
+  EXPECT_EQ(read("out.264"), read("out.1.264"));
+  std::istringstream stats(read("out.csv"));
+  std::string line;
+  std::getline(stats, line);
+  EXPECT_EQ("stream,frame,type,bytes,quantizer,encode_ms,round_trip_ms,changed_macroblocks", line);
+  const char* const rows[][2] = {{"0,0,I,", ",6"}, {"1,0,I,", ",6"}, {"0,1,P,", ",0"},
+                                 {"1,1,P,", ",0"}, {"0,2,P,", ",1"}, {"1,2,P,", ",1"}};
+  for (const auto& [begin, finish] : rows) {
+    std::getline(stats, line);
+    EXPECT_TRUE(line.starts_with(begin) && line.ends_with(finish)) << line;
+  }
+  EXPECT_FALSE(std::getline(stats, line));
+
+  EXPECT_EQ("0 ", run("raw --size 48x32 -o raw.264 --quiet"));
+  EXPECT_EQ(read("out.264"), read("raw.264"));
+  said = run("clip --frames 2 --no-rectangles -o short.264");
+  EXPECT_TRUE(said.starts_with("0 encoded 2 frames, ")) << said;
+}
+
+TEST_F(QoraEncodeTest, EndsWithOneLineOnBadInput) {
+  const std::string whole = clip("YUV4MPEG2 W48 H32 F50:1 C420jpeg\n", "FRAME Ip\n");
+  const std::string header = "YUV4MPEG2 W48 H32";
+  for (const auto& [name, content] : std::initializer_list<std::pair<const char*, std::string>>{
+           {"clip", whole},
+           {"cut", whole.substr(0, 6900)},
+           {"torn", whole.substr(0, 2350)},
+           {"empty", ""},
+           {"text", "hi"},
+           {"open", header},
+           {"bare", header + "\n"},
+           {"lost", header + "\nFRAMES\n"},
+           {"deep", header + " C420p10\nFRAME\n"},
+           {"full", header + " C444\nFRAME\n"},
+           {"odd", "YUV4MPEG2 W47 H32\nFRAME\n"}}) {
+    write(name, content);
+  }
+  std::filesystem::create_symlink(SCRIPTED_PEER, "PEER");
+  setenv("PEER_SCRIPT", "half 22", 1);
+  for (const auto& row : readTable(TABLES "bad_inputs.table")) {
+    EXPECT_EQ(row[1].substr(0, 2) + "qora-encode: " + row[1].substr(2) + "\n", run(row[0]));
+  }
+  EXPECT_EQ(whole, read("clip"));
+}
+
+TEST_F(QoraEncodeTest, FinishesItsFrameWhenInterrupted) {
+  start("/dev/zero --size 48x32 -o out --stats csv");
+  while (read("csv").empty()) {  // a clip without end, until the first figures are in the file
+    ASSERT_EQ(0, waitpid(tool_, nullptr, WNOHANG));
+    usleep(5000);
+  }
+  kill(tool_, SIGINT);
+  const std::string said = end();
+  EXPECT_TRUE(said.starts_with("1 qora-encode: interrupted after ")) << said;
+  EXPECT_EQ('\n', read("csv").back());
+}
+
+}  // namespace
+}  // namespace qora::test
