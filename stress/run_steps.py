@@ -17,8 +17,8 @@ import time
 
 ROOT = pathlib.Path(__file__).resolve().parents[1]
 STEPS = pathlib.Path(__file__).with_name("steps.tsv")
-RESULT = re.compile(r"^RESULT tried=(\d+) failed=(\d+) ?(.*)$", re.MULTILINE)
-GRACE = 180  # seconds that a step may run over its share: some have a fixed amount to do
+RESULT = re.compile(r"^(?:RESULT tried=|all +)(\d+) (?:failed=| *)(\d+) ?(.*)$", re.MULTILINE)
+GRACE = 600  # seconds that a step may run over its share: some have a fixed amount to do
 
 
 class Step:
@@ -45,7 +45,8 @@ class Step:
 
     def judge(self, status, output, took):
         results = RESULT.findall(output)
-        tried, failed, notes = results[-1] if results else ("1", str(int(status != 0)), "")
+        last_line = (output.strip().splitlines() or [""])[-1]
+        tried, failed, notes = results[-1] if results else ("1", str(int(status != 0)), last_line)
         if status != 0 and failed == "0":
             failed, notes = "1", f"ended with {status}"
         self.failed = failed != "0"
@@ -55,10 +56,9 @@ class Step:
 
 def read_steps():
     steps = [Step(line) for line in STEPS.read_text().splitlines() if not line.startswith("#")]
-    for lane in {step.lane for step in steps}:
-        share = sum(step.share for step in steps if step.lane == lane)
-        if share > 0.95:
-            sys.exit(f"steps.tsv: lane {lane} has {share:.0%} of the time")
+    share = {lane: sum(step.share for step in steps if step.lane == lane) for lane in ("a", "b", "ab")}
+    if max(share["a"], share["b"]) + share["ab"] > 0.95:
+        sys.exit(f"steps.tsv: more than 95 % of the time is given away: {share}")
     return steps
 
 
@@ -74,11 +74,12 @@ def main():
             if step.lane == lane:
                 step.run(seconds, build, logs)
 
-    lanes = [threading.Thread(target=run_lane, args=[lane]) for lane in {s.lane for s in steps}]
+    lanes = [threading.Thread(target=run_lane, args=[lane]) for lane in "ab"]
     for lane in lanes:
         lane.start()
     for lane in lanes:
         lane.join()
+    run_lane("ab")
 
     failed = [step.name for step in steps if step.row is None or step.failed]
     table = ["| step | tried | failed | seconds | |", "|---|---|---|---|---|"]
