@@ -29,8 +29,9 @@
 #include <string>
 #include <vector>
 
+#include "fuzz/service_process.h"
 #include "service/messages.h"
-#include "tests/support/service_process.h"
+#include "tests/support/temporary_root.h"
 
 namespace qora::fuzz {
 namespace {
