@@ -14,8 +14,9 @@ tests=(
   clang-format-14 # other versions format differently
   git python3     # format check, include check
   ffmpeg          # decodes what was encoded
-  strace valgrind
-  bubblewrap
+  strace valgrind # stress/, with gnuplot for its plot
+  gnuplot-nox
+  bubblewrap                   # a sandbox for the service
   libavcodec-dev libavutil-dev # a decoder whose pictures can be changed
 )
 demo=(
