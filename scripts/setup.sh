@@ -19,6 +19,12 @@ tests=(
   bubblewrap                   # a sandbox for the service
   libavcodec-dev libavutil-dev # a decoder whose pictures can be changed
 )
+benchmarks=(
+  libbenchmark-dev
+  gnuplot-nox
+  x264 time ffmpeg                 # what the service is compared with
+  xvfb openbox xterm x11-apps xdotool x11-xserver-utils fonts-dejavu-core # a desktop to film
+)
 demo=(
   ffmpeg
   xvfb openbox x11-xserver-utils # an X screen, its window manager and its background
@@ -27,7 +33,7 @@ demo=(
   xdotool # moves windows and the pointer
 )
 
-wanted=("${build[@]}" "${tests[@]}" "${demo[@]}")
+wanted=("${build[@]}" "${tests[@]}" "${benchmarks[@]}" "${demo[@]}")
 installed=$(dpkg-query --show --showformat '<${Package} ${db:Status-Status}>' "${wanted[@]}" \
   2>/dev/null || true)
 missing=()
