@@ -31,10 +31,10 @@ extern "C" {
 #include <string>
 #include <vector>
 
+#include "checks/direct_encoder.h"
 #include "client/changed_rectangles.h"
 #include "client/codec_client.h"
 #include "client/frame_segment.h"
-#include "checks/direct_encoder.h"
 
 namespace qora::checks {
 namespace {
