@@ -36,6 +36,8 @@ with 8-bit 4:2:0 pictures, or raw I420 with --size; "-" is standard input.
       --service PATH    the service's program (default: beside qora-encode)
       --codec-root DIR  where lib/libx264.so or codec/lib/libx264.so is
                         (default: $QORA_SYSTEM, then beside qora-encode)
+      --sandbox         run the service under its system call filter; qora-sandbox
+                        has to be beside it
       --quiet           no progress line, no summary
   -h, --help            this text
       --version         the version
@@ -80,6 +82,7 @@ constexpr OptionRow kRows[] = {
     textRow("service", 0, &EncodeOptions::service),
     textRow("codec-root", 0, &EncodeOptions::codecRoot),
     flagRow("no-rectangles", &EncodeOptions::noRectangles),
+    flagRow("sandbox", &EncodeOptions::sandbox),
     flagRow("quiet", &EncodeOptions::quiet),
 };
 constexpr int kSizeOption = kFirstLong + static_cast<int>(std::size(kRows));

@@ -114,11 +114,14 @@ int32_t EncodeSession::openOutputs() {
 
 int32_t EncodeSession::startService() {
   ignoreInterrupts();
-  const int32_t started = client_.start({.servicePath = service_, .codecRoot = codecRoot_});
+  const std::string sandbox = options_.sandbox ? sandboxBeside(service_) : "";
+  const int32_t started =
+      client_.start({.servicePath = service_, .codecRoot = codecRoot_, .sandboxPath = sandbox});
   const int error = errno;
   noteInterrupts();
   if (started == -1) {
-    return fail("cannot start the service " + service_ + ": " + errorText(error));
+    const std::string what = options_.sandbox ? service_ + " with " + sandbox : service_;
+    return fail("cannot start the service " + what + ": " + errorText(error));
   }
   return client_.attachSegment(segment_.id()) == -1 ? failService() : 1;
 }

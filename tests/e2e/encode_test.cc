@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "client/codec_client.h"
-#include "tests/e2e/direct_encoder.h"
+#include "checks/direct_encoder.h"
 #include "tests/support/captured_log.h"
 #include "tests/support/temporary_root.h"
 

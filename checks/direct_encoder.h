@@ -1,0 +1,70 @@
+<<<<<<<< HEAD:checks/direct_encoder.h
+// checks/direct_encoder.h -- The calls that the service makes, made in this process on the
+========
+// checks/direct_encoder.h -- The calls that the service makes, made in this process on the
+>>>>>>>> heads/bench:checks/direct_encoder.h
+// installed library: what its coded bytes are held against.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <span>
+<<<<<<<< HEAD:checks/direct_encoder.h
+
+========
+>>>>>>>> heads/bench:checks/direct_encoder.h
+#include <vector>
+
+#include "service/messages.h"
+#include "service/region_copy.h"
+
+namespace qora::test {
+
+using Bytes = std::vector<uint8_t>;
+
+// What steers one frame.
+struct FrameHints {
+  std::vector<service::Rectangle> rectangles;
+  std::vector<service::RegionCopy> copies = {};
+  uint8_t invalidate = 0;
+};
+
+// An I420 picture without padding.
+struct Picture {
+  int32_t width, height;
+  Bytes data;
+  size_t offset(int32_t plane) const;  // 0 Y, 1 U, 2 V
+  int32_t stride(int32_t plane) const { return plane == 0 ? width : width / 2; }
+};
+
+// The same by its planes, wherever they stand.
+struct PictureView {
+  const uint8_t* plane[3];
+  int32_t stride[3];
+};
+
+class DirectEncoder {
+ public:
+  explicit DirectEncoder(const service::AddStreamRequest& settings);
+  ~DirectEncoder();
+  DirectEncoder(const DirectEncoder&) = delete;
+  DirectEncoder& operator=(const DirectEncoder&) = delete;
+
+  Bytes encode(const Picture& picture, const FrameHints& hints);
+  // The coded bytes stay the encoder's and are good until the next call; empty: it failed.
+  std::span<const uint8_t> encodeView(const PictureView& picture, const FrameHints& hints);
+<<<<<<<< HEAD:checks/direct_encoder.h
+  // The picture that the next frame predicts from; null planes before the first.
+  service::PlanarView reconstruction() const;
+========
+>>>>>>>> heads/bench:checks/direct_encoder.h
+  int32_t quantizer() const;
+  // What the last frame took in the encoder itself, maps and copies aside.
+  std::chrono::nanoseconds encoderTime() const;
+
+ private:
+  struct State;
+  State* state_;
+};
+
+}  // namespace qora::test
