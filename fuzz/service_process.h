@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/message_bytes.h"
-
 namespace qora::test {
+
+using Bytes = std::vector<uint8_t>;
 
 // How a run ended: wait status, all of standard output, standard error without time prefixes.
 struct Ending {
