@@ -1,8 +1,4 @@
-<<<<<<<< HEAD:checks/direct_encoder.cc
 #include "checks/direct_encoder.h"
-========
-#include "checks/direct_encoder.h"
->>>>>>>> heads/bench:checks/direct_encoder.cc
 
 #include <x264.h>
 
@@ -112,14 +108,11 @@ std::span<const uint8_t> DirectEncoder::encodeView(const PictureView& picture,
     for (const auto& copy : hints.copies) service::copyRegion(copy, reference, reconstruction());
   }
   return {nals[0].p_payload, static_cast<size_t>(size)};
-<<<<<<<< HEAD:checks/direct_encoder.cc
 }
 
 service::PlanarView DirectEncoder::reconstruction() const {
   const x264_image_t& image = state_->out.img;
   return {{image.plane[0], image.plane[1]}, {image.i_stride[0], image.i_stride[1]}};
-========
->>>>>>>> heads/bench:checks/direct_encoder.cc
 }
 
 int32_t DirectEncoder::quantizer() const {

@@ -1,18 +1,11 @@
-<<<<<<<< HEAD:checks/direct_encoder.h
 // checks/direct_encoder.h -- The calls that the service makes, made in this process on the
-========
-// checks/direct_encoder.h -- The calls that the service makes, made in this process on the
->>>>>>>> heads/bench:checks/direct_encoder.h
 // installed library: what its coded bytes are held against.
 #pragma once
 
 #include <chrono>
 #include <cstdint>
 #include <span>
-<<<<<<<< HEAD:checks/direct_encoder.h
 
-========
->>>>>>>> heads/bench:checks/direct_encoder.h
 #include <vector>
 
 #include "service/messages.h"
@@ -53,11 +46,8 @@ class DirectEncoder {
   Bytes encode(const Picture& picture, const FrameHints& hints);
   // The coded bytes stay the encoder's and are good until the next call; empty: it failed.
   std::span<const uint8_t> encodeView(const PictureView& picture, const FrameHints& hints);
-<<<<<<<< HEAD:checks/direct_encoder.h
   // The picture that the next frame predicts from; null planes before the first.
   service::PlanarView reconstruction() const;
-========
->>>>>>>> heads/bench:checks/direct_encoder.h
   int32_t quantizer() const;
   // What the last frame took in the encoder itself, maps and copies aside.
   std::chrono::nanoseconds encoderTime() const;

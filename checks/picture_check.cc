@@ -31,10 +31,10 @@ extern "C" {
 #include <string>
 #include <vector>
 
+#include "checks/direct_encoder.h"
 #include "client/changed_rectangles.h"
 #include "client/codec_client.h"
 #include "client/frame_segment.h"
-#include "checks/direct_encoder.h"
 
 namespace qora::checks {
 namespace {
@@ -386,5 +386,8 @@ int main(int argc, char* argv[]) {
     }
   }
   printRow("all", "", "", all);
+  std::printf("RESULT tried=%lld failed=%lld decoded pictures; without the copies %lld are wrong\n",
+              static_cast<long long>(all.frames), static_cast<long long>(all.wrong),
+              static_cast<long long>(all.wrongWithoutCopies));
   return good ? 0 : 1;
 }
