@@ -10,9 +10,9 @@
 #include <vector>
 
 #include "benchmarks/timing.h"
+#include "checks/direct_encoder.h"
 #include "client/codec_client.h"
 #include "client/frame_segment.h"
-#include "checks/direct_encoder.h"
 #include "tests/support/temporary_root.h"
 
 namespace qora::bench {

@@ -14,6 +14,7 @@ tests=(
   clang-format-14 # other versions format differently
   git python3     # format check, include check
   ffmpeg          # decodes what was encoded
+  libclang-rt-14-dev # the fuzzers' engine and the sanitizers of clang
   strace valgrind # stress/, with gnuplot for its plot
   gnuplot-nox
   bubblewrap                   # a sandbox for the service

@@ -30,6 +30,8 @@ with 8-bit 4:2:0 pictures, or raw I420 with --size; "-" is standard input.
       --streams N       encode the clip N times side by side, 1 to 8 (default 1);
                         stream n > 0 goes to FILE with .n before the suffix
       --no-rectangles   tell the encoder that every frame changed everywhere
+      --skip-unchanged  leave out pictures in which nothing changed, as a live screen
+                        does; OUTPUT has fewer frames then, --stats tells which
       --frames N        stop after N frames
       --stats FILE.csv  a line a frame: type, bytes, quantizer, times, changes;
                         with several streams the stream's number comes first
@@ -83,6 +85,7 @@ constexpr OptionRow kRows[] = {
     textRow("codec-root", 0, &EncodeOptions::codecRoot),
     flagRow("no-rectangles", &EncodeOptions::noRectangles),
     flagRow("sandbox", &EncodeOptions::sandbox),
+    flagRow("skip-unchanged", &EncodeOptions::skipUnchanged),
     flagRow("quiet", &EncodeOptions::quiet),
 };
 constexpr int kSizeOption = kFirstLong + static_cast<int>(std::size(kRows));

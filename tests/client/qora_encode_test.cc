@@ -101,6 +101,11 @@ TEST_F(QoraEncodeTest, EncodesAClipInSeveralStreams) {
       std::regex_replace(read("out.csv"), varying, ","));
   EXPECT_EQ("0 ", run("raw --size 48x32 -o raw.264 --quiet"));
   EXPECT_EQ(read("out.264"), read("raw.264"));
+  said = run("clip --skip-unchanged -o few.264 --stats few.csv");
+  EXPECT_NE(std::string::npos, said.find(", 1 of them skipped, 38.9%")) << said;
+  const std::string few = read("few.csv");
+  EXPECT_EQ(std::string::npos, few.find("\n1,"));
+  EXPECT_NE(std::string::npos, few.find("\n2,P,"));
   said = run("clip --frames 2 --no-rectangles -o short.264");
   EXPECT_TRUE(said.starts_with("0 encoded 2 frames, ")) << said;
 }
