@@ -386,5 +386,8 @@ int main(int argc, char* argv[]) {
     }
   }
   printRow("all", "", "", all);
+  std::printf("RESULT tried=%lld failed=%lld decoded pictures; without the copies %lld are wrong\n",
+              static_cast<long long>(all.frames), static_cast<long long>(all.wrong),
+              static_cast<long long>(all.wrongWithoutCopies));
   return good ? 0 : 1;
 }
