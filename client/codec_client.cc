@@ -65,7 +65,11 @@ std::vector<const char*> environmentWith(const std::string& setting) {
 }
 
 pid_t startProcess(const ServiceOptions& options, int32_t input, int32_t output) {
-  const char* const program[] = {options.servicePath.c_str(), options.servicePath.c_str(), nullptr};
+  const char* const service = options.servicePath.c_str();
+  const char* const sandbox = options.sandboxPath.c_str();
+  const char* const freely[] = {service, service, nullptr};
+  const char* const filtered[] = {sandbox, sandbox, service, nullptr};
+  const char* const* program = options.sandboxPath.empty() ? freely : filtered;
   const std::string setting = "QORA_SYSTEM=" + options.codecRoot;
   const std::vector<const char*> environment = environmentWith(setting);
   const char* const* variables = options.codecRoot.empty() ? environ : environment.data();
@@ -112,6 +116,10 @@ int32_t CodecClient::start(const ServiceOptions& options) {
   socket::ensureSystemSupport();
   // Told here while there is somebody to tell; the child could only end with the errno.
   if (file::isAccessible(nullptr, options.servicePath.c_str(), X_OK) == 0) return -1;
+  if (!options.sandboxPath.empty() &&
+      file::isAccessible(nullptr, options.sandboxPath.c_str(), X_OK) == 0) {
+    return -1;
+  }
 
   Pipe command;
   Pipe reply;
@@ -259,13 +267,14 @@ int32_t CodecClient::readReply(Reply& reply, int32_t timeout) {
   const auto deadline = Clock::now() + std::chrono::milliseconds(timeout);
   while (true) {
     if (const int32_t taken = takeReply(reply); taken != 0) return taken;
-    const int32_t received = receiveSome();
-    if (received == -1) return -1;
-    if (received == 1) continue;
-    const int32_t left = timeout < 0 ? -1 : pollTimeout(deadline);
-    if (left == 0) return 0;
-    pollfd end = {replies_.get(), POLLIN, 0};
-    if (::poll(&end, 1, left) == -1 && errno != EINTR) return -1;
+    // A reply is hardly ever there already: to wait first saves a read that finds nothing.
+    if (replies_.get() != -1) {
+      pollfd end = {replies_.get(), POLLIN, 0};
+      const int ready = ::poll(&end, 1, timeout < 0 ? -1 : pollTimeout(deadline));
+      if (ready == 0) return 0;
+      if (ready == -1 && errno != EINTR) return -1;
+    }
+    if (receiveSome() == -1) return -1;
   }
 }
 

@@ -44,6 +44,7 @@ struct ServiceOptions {
   std::string servicePath;       // the program, not searched for
   std::string codecRoot;         // the service's QORA_SYSTEM; empty: as in our own environment
   int32_t errorDescriptor = -1;  // where its diagnostics go; -1: our standard error
+  std::string sandboxPath = {};  // qora-sandbox, which is to run it; empty: it runs freely
 };
 
 // The answer to one encode(). Use the same record for every frame: its memory is kept.

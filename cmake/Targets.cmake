@@ -15,6 +15,9 @@ if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64")
 endif()
 if(CMAKE_BUILD_TYPE STREQUAL "Release" OR CMAKE_BUILD_TYPE STREQUAL "RelWithDebInfo")
   target_compile_definitions(qora_product INTERFACE _FORTIFY_SOURCE=2)
+  # The same bytes wherever it is built.
+  target_compile_options(qora_product INTERFACE
+    -ffile-prefix-map=${PROJECT_SOURCE_DIR}/= -ffile-prefix-map=${PROJECT_BINARY_DIR}=build)
 endif()
 target_link_options(qora_product INTERFACE LINKER:-z,relro,-z,now)
 

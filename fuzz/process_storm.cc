@@ -29,7 +29,6 @@
 #include <string>
 #include <vector>
 
-#include "fuzz/service_process.h"
 #include "service/messages.h"
 #include "tests/support/temporary_root.h"
 
@@ -37,7 +36,7 @@ namespace qora::fuzz {
 namespace {
 
 using namespace service;
-using test::Bytes;
+using Bytes = std::vector<uint8_t>;
 using Random = std::mt19937;
 
 constexpr int kTimeout = 20000;  // milliseconds; far beyond what a session takes

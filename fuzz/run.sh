@@ -40,7 +40,7 @@ run_fuzzer() {
   mkdir -p "build/fuzz/corpus/$name" "$(dirname "$log")"
   while left=$((end - SECONDS)) && [[ $left -gt 0 ]]; do
     "build/fuzz/fuzz/fuzz_$name" "build/fuzz/corpus/$name" "fuzz/corpus/$name" \
-      -max_total_time="$left" -print_final_stats=1 -timeout=20 -rss_limit_mb=4096 -verbosity=0 \
+      -max_total_time="$left" -max_len=2000 -print_final_stats=1 -timeout=20 -rss_limit_mb=4096 -verbosity=0 \
       -artifact_prefix="build/fuzz/findings/$name/" >"$log" 2>&1 || findings=$((findings + 1))
     executions=$((executions + $(sed -n 's/^stat::number_of_executed_units: *//p' "$log" | tail -1)))
   done

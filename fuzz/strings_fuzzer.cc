@@ -111,7 +111,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   char* slot = nullptr;
   std::string model;
   std::string last;
-  for (int count = 0; in.left() > 0 && count < 24 && model.size() < 100000; ++count) {
+  for (int count = 0; in.left() > 0 && count < 24 && model.size() < 4000; ++count) {
     last = model.substr(0, 5);
     change(in, slot, model);
     require(model == (slot == nullptr ? "" : slot), "the text is not the one that it should be");

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Usage: scripts/build.sh [PRESET]
-# Builds everything into build/PRESET (release, debug, clang or asan; release when none is given).
+# Builds everything into build/PRESET (the presets of CMakePresets.json; release when none is given).
 # QORA_SKIP_SETUP=1 leaves the machine's packages alone.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."

@@ -8,49 +8,12 @@
 set -euo pipefail
 user_clip=${1:+$(realpath -- "$1")}
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
+source scripts/lib/desktop.sh
 
 readonly width=1280 height=720 rate=25 frames=250
 readonly encoder=build/release/qora-encode
 readonly calculator_x=820 calculator_y=64
 readonly terminal=(xterm -fa 'DejaVu Sans Mono' -fs 9 -bg '#20242c' -fg '#d8dee9' +sb)
-
-work=$(mktemp -d)
-
-# Each job has a process group of its own: it is ended with all its children, and Ctrl-C reaches
-# only us. The X server, the first job, goes last.
-finish() {
-  trap - EXIT INT TERM
-  local groups group
-  mapfile -t groups < <(jobs -p | tac)
-  for group in "${groups[@]}"; do
-    kill -TERM -- "-$group" 2>/dev/null || true
-    wait "$group" 2>/dev/null || true
-  done
-  rm -rf "$work"
-}
-trap finish EXIT
-trap 'exit 130' INT
-trap 'exit 143' TERM
-
-# fail MESSAGE [LOG]
-fail() {
-  echo "demo.sh: $1" >&2
-  [[ ! -s ${2:-} ]] || cat "$2" >&2
-  exit 1
-}
-
-start() {
-  set -m
-  "$@" </dev/null >>"$work/$1.log" 2>&1 &
-  set +m
-}
-
-# start_window CLASS COMMAND...: one after another, so that windows always lie in the same order.
-start_window() {
-  start "${@:2}"
-  timeout 20 xdotool search --sync --onlyvisible --class "$1" >/dev/null ||
-    fail "no window of class $1 came up" "$work/$2.log"
-}
 
 scroll_sources() {
   for source in docs/protocol.md service/*.cc; do
@@ -61,19 +24,8 @@ scroll_sources() {
   done
 }
 
-start_screen() {
-  # The server chooses a free display itself and tells its number once it is ready.
-  mkfifo "$work/display"
-  start Xvfb -displayfd 3 -screen 0 "${width}x${height}x24" \
-    -nolisten tcp -noreset 3<>"$work/display"
-  read -r -t 20 number <"$work/display" || fail "no X server came up" "$work/Xvfb.log"
-  export DISPLAY=:$number
-}
-
 start_programs() {
   export -f scroll_sources
-  start openbox --config-file /etc/xdg/openbox/rc.xml
-  xsetroot -solid '#46657c'
   start_window Reader "${terminal[@]}" -class Reader -T 'reading the sources' \
     -geometry 101x40+20+24 -e bash -c scroll_sources
   start_window Monitor "${terminal[@]}" -class Monitor -T top -geometry 82x16+610+440 \
@@ -153,7 +105,7 @@ if [[ -n $user_clip ]]; then
   encode_clip
 else
   clip=$work/capture.y4m
-  start_screen
+  start_screen "$width" "$height"
   start_programs
   start drag_calculator
   capture_and_encode

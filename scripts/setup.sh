@@ -5,6 +5,7 @@ set -euo pipefail
 
 build=(
   g++ clang cmake ninja-build
+  pkg-config libseccomp-dev # the sandbox's filter
   libx264-dev # the bridge is compiled against its header and drives its library
 )
 tests=(
@@ -13,8 +14,17 @@ tests=(
   clang-format-14 # other versions format differently
   git python3     # format check, include check
   ffmpeg          # decodes what was encoded
-  strace valgrind # stress/, beside gnuplot for its plot
+  libclang-rt-14-dev # the fuzzers' engine and the sanitizers of clang
+  strace valgrind # stress/, with gnuplot for its plot
   gnuplot-nox
+  bubblewrap                   # a sandbox for the service
+  libavcodec-dev libavutil-dev # a decoder whose pictures can be changed
+)
+benchmarks=(
+  libbenchmark-dev
+  gnuplot-nox
+  x264 time ffmpeg                 # what the service is compared with
+  xvfb openbox xterm x11-apps xdotool x11-xserver-utils fonts-dejavu-core # a desktop to film
 )
 demo=(
   ffmpeg
@@ -24,7 +34,7 @@ demo=(
   xdotool # moves windows and the pointer
 )
 
-wanted=("${build[@]}" "${tests[@]}" "${demo[@]}")
+wanted=("${build[@]}" "${tests[@]}" "${benchmarks[@]}" "${demo[@]}")
 installed=$(dpkg-query --show --showformat '<${Package} ${db:Status-Status}>' "${wanted[@]}" \
   2>/dev/null || true)
 missing=()

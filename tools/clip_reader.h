@@ -1,13 +1,18 @@
-// tools/clip_reader.h -- Pictures out of a Y4M or raw I420 clip, from a file or a pipe.
+// tools/clip_reader.h -- Pictures out of a Y4M or raw I420 clip, from a file or a pipe. Samples go
+// straight to where the picture stands.
 #pragma once
 
 #include <sys/stat.h>
+#include <sys/uio.h>
 
+#include <array>
 #include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <vector>
 
+#include "client/descriptor.h"
 #include "client/picture.h"
 #include "tools/y4m.h"
 
@@ -30,6 +35,9 @@ class ClipReader {
   // Whether `path` names the file that is being read.
   bool reads(const std::string& path) const;
 
+  // Whether a read() would find something, be it the clip's end; files always have it.
+  bool hasInput() const;
+
   // Reads the next picture into the planes of one of the clip's size. 1, 0 at the clip's end, -1
   // with problem(). A signal that interrupts the wait for input ends it with errno EINTR.
   [[nodiscard]] int32_t read(const client::Picture& picture);
@@ -42,8 +50,13 @@ class ClipReader {
   int32_t failAtFrame(const std::string& what);
   int32_t readHeader();
   int32_t readFrameLine();
+  int32_t readLine(std::string& line);
+  int32_t fillAhead();
+  void listRuns(const client::Picture& picture);
+  void takeAhead();
+  void noteRead(size_t count);
 
-  File file_;
+  client::Descriptor input_;
   std::string name_;
   ClipFormat format_;
   bool y4m_ = false;
@@ -51,6 +64,16 @@ class ClipReader {
   int64_t frameCount_ = -1;
   int64_t framesRead_ = 0;
   std::string problem_;
+
+  // Bytes behind what was asked for last, a frame's line mostly: read along, so that a picture and
+  // the line in front of the next one are one system call. Not used yet: [aheadBegin_, aheadEnd_).
+  std::array<uint8_t, 4096> ahead_;
+  size_t aheadBegin_ = 0;
+  size_t aheadEnd_ = 0;
+  // What is left of the picture being read, row by row or, without gaps, plane by plane; the last
+  // one is all of ahead_. The first `runsDone_` are full.
+  std::vector<iovec> runs_;
+  size_t runsDone_ = 0;
 };
 
 }  // namespace qora::tools

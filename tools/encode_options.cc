@@ -30,12 +30,16 @@ with 8-bit 4:2:0 pictures, or raw I420 with --size; "-" is standard input.
       --streams N       encode the clip N times side by side, 1 to 8 (default 1);
                         stream n > 0 goes to FILE with .n before the suffix
       --no-rectangles   tell the encoder that every frame changed everywhere
+      --skip-unchanged  leave out pictures in which nothing changed, as a live screen
+                        does; OUTPUT has fewer frames then, --stats tells which
       --frames N        stop after N frames
       --stats FILE.csv  a line a frame: type, bytes, quantizer, times, changes;
                         with several streams the stream's number comes first
       --service PATH    the service's program (default: beside qora-encode)
       --codec-root DIR  where lib/libx264.so or codec/lib/libx264.so is
                         (default: $QORA_SYSTEM, then beside qora-encode)
+      --sandbox         run the service under its system call filter; qora-sandbox
+                        has to be beside it
       --quiet           no progress line, no summary
   -h, --help            this text
       --version         the version
@@ -80,6 +84,8 @@ constexpr OptionRow kRows[] = {
     textRow("service", 0, &EncodeOptions::service),
     textRow("codec-root", 0, &EncodeOptions::codecRoot),
     flagRow("no-rectangles", &EncodeOptions::noRectangles),
+    flagRow("sandbox", &EncodeOptions::sandbox),
+    flagRow("skip-unchanged", &EncodeOptions::skipUnchanged),
     flagRow("quiet", &EncodeOptions::quiet),
 };
 constexpr int kSizeOption = kFirstLong + static_cast<int>(std::size(kRows));

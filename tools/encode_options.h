@@ -18,7 +18,9 @@ struct EncodeOptions {
   int32_t streams = 1;  // how often the clip is encoded, side by side
   int32_t frames = 0;   // stop behind so many; 0: the whole clip
   bool noRectangles = false;
+  bool skipUnchanged = false;  // pictures in which nothing changed are not encoded
   bool quiet = false;
+  bool sandbox = false;   // the service gets the system calls that it needs and no others
   std::string stats;      // a CSV file; empty: none
   std::string service;    // empty: found beside our own program
   std::string codecRoot;  // empty: QORA_SYSTEM, or found beside our own program

@@ -54,6 +54,7 @@ int32_t EncodeSession::run() {
   const int32_t first = clip_.read(segment_.picture(0));
   if (first == -1) return fail(clip_.problem());
   if (first == 0) return fail(options_.input + ": the clip has no frame");
+  loaded_ = 1;
   // The outputs come late: a clip or a service that cannot be had leaves an earlier result alone.
   if (startService() == -1 || openOutputs() == -1 || addStreams() == -1) return -1;
 
@@ -114,11 +115,14 @@ int32_t EncodeSession::openOutputs() {
 
 int32_t EncodeSession::startService() {
   ignoreInterrupts();
-  const int32_t started = client_.start({.servicePath = service_, .codecRoot = codecRoot_});
+  const std::string sandbox = options_.sandbox ? sandboxBeside(service_) : "";
+  const int32_t started =
+      client_.start({.servicePath = service_, .codecRoot = codecRoot_, .sandboxPath = sandbox});
   const int error = errno;
   noteInterrupts();
   if (started == -1) {
-    return fail("cannot start the service " + service_ + ": " + errorText(error));
+    const std::string what = options_.sandbox ? service_ + " with " + sandbox : service_;
+    return fail("cannot start the service " + what + ": " + errorText(error));
   }
   return client_.attachSegment(segment_.id()) == -1 ? failService() : 1;
 }
@@ -144,46 +148,68 @@ int32_t EncodeSession::addStreams() {
 }
 
 // The first picture is in its cell already; every later one goes to the cell of the last but one.
+// It is read and searched while the service encodes the one before, if it is there: waiting for it
+// would keep back the replies of a live clip.
 int32_t EncodeSession::encodeClip() {
+  constexpr int32_t kNotYet = 2;
+  int32_t changed = findChanges();
   while (true) {
-    if (encodeFrame() == -1) return -1;
+    if (sendFrame(changed) == -1) return -1;
+    int32_t more = frames_ + 1 == options_.frames ? 0 : kNotYet;
+    int32_t nextChanged = 0;
+    if (more == kNotYet && clip_.hasInput()) more = loadPicture(nextChanged);
+    if (takeReplies(changed) == -1) return -1;
     progress_.update(figures());
-    if (frames_ == options_.frames) return 1;
-    const int32_t more = loadPicture();
-    if (more != 1) return more;
+    if (more == kNotYet) more = loadPicture(nextChanged);
+    if (more == 0) return 1;
+    if (more == -1) return failLoading();
+    changed = nextChanged;
   }
 }
 
-int32_t EncodeSession::loadPicture() {
-  const int32_t loaded = wasInterrupted() ? -1 : clip_.read(segment_.picture(cellOf(frames_)));
-  if (loaded != -1) return loaded;
+// 1, 0 at the clip's end, or -1.
+int32_t EncodeSession::loadPicture(int32_t& changed) {
+  const int32_t loaded = wasInterrupted() ? -1 : clip_.read(segment_.picture(cellOf(loaded_)));
+  if (loaded != 1) return loaded;
+  ++loaded_;
+  changed = findChanges();
+  return 1;
+}
+
+int32_t EncodeSession::failLoading() {
   if (wasInterrupted()) {
     return fail("interrupted after " + std::to_string(frames_) + " frames");
   }
   return fail(clip_.problem());
 }
 
-// Fills changes_.list with what to send; returns the number of changed macroblocks.
+// What changed in the picture that was loaded last: fills changes_.list with what to send; returns
+// the number of changed macroblocks.
 int32_t EncodeSession::findChanges() {
-  const client::Picture picture = segment_.picture(cellOf(frames_));
-  if (frames_ == 0 || options_.noRectangles) {
+  const client::Picture picture = segment_.picture(cellOf(loaded_ - 1));
+  if (loaded_ == 1 || options_.noRectangles) {
     changes_.list.assign(1, client::wholePicture(picture.width, picture.height));
     return macroblocks_;
   }
-  const int32_t changed = client::findChangedRectangles(
-      segment_.picture(cellOf(frames_ - 1)), picture, client::maxRectangles(0), changes_);
+  const int32_t changed = client::findChangedRectangles(segment_.picture(cellOf(loaded_)), picture,
+                                                        client::maxRectangles(0), changes_);
   if (changes_.list.empty()) changes_.list.push_back(client::nothingChanged());
   return changed;
 }
 
-int32_t EncodeSession::encodeFrame() {
-  const int32_t changed = findChanges();
+int32_t EncodeSession::sendFrame(int32_t changed) {
+  if (changed == 0 && options_.skipUnchanged) return 0;
   service::EncodeRequest request{};
   segment_.place(cellOf(frames_), request);
   for (int32_t stream = 0; stream < options_.streams; ++stream) {
     request.streamId = static_cast<uint8_t>(stream);
     if (client_.encode(request, changes_.list, {}) == -1) return failService();
   }
+  return 1;
+}
+
+int32_t EncodeSession::takeReplies(int32_t changed) {
+  if (client_.pendingReplies() == 0) ++skipped_;
   while (client_.pendingReplies() > 0) {
     if (takeReply(changed) == -1) return -1;
   }
@@ -254,8 +280,10 @@ void EncodeSession::printSummary() const {
                        (static_cast<double>(macroblocks_) * static_cast<double>(frames_));
   const std::string streams =
       options_.streams > 1 ? ", " + std::to_string(options_.streams) + " streams" : "";
-  std::fprintf(stderr, "encoded %s%s, %.1f%% of the macroblocks changed\n",
-               progressText(done).c_str(), streams.c_str(), share);
+  const std::string skipped =
+      skipped_ > 0 ? ", " + std::to_string(skipped_) + " of them skipped" : "";
+  std::fprintf(stderr, "encoded %s%s%s, %.1f%% of the macroblocks changed\n",
+               progressText(done).c_str(), skipped.c_str(), streams.c_str(), share);
 }
 
 }  // namespace qora::tools

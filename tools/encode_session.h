@@ -40,9 +40,11 @@ class EncodeSession {
   int32_t openOutputs();
   int32_t startService();
   int32_t addStreams();
-  int32_t loadPicture();
   int32_t encodeClip();
-  int32_t encodeFrame();
+  int32_t loadPicture(int32_t& changed);
+  int32_t failLoading();
+  int32_t sendFrame(int32_t changed);
+  int32_t takeReplies(int32_t changed);
   int32_t takeReply(int32_t changed);
   int32_t findChanges();
   int32_t stopService();
@@ -65,7 +67,9 @@ class EncodeSession {
   client::Reply reply_;
   ProgressLine progress_;
   Clock::time_point start_;
-  int64_t frames_ = 0;  // encoded in all streams
+  int64_t loaded_ = 0;  // pictures that were read
+  int64_t frames_ = 0;  // of those, encoded in all streams, or skipped
+  int64_t skipped_ = 0;
   int64_t bytes_ = 0;
   int64_t changed_ = 0;      // macroblocks, summed over the frames
   int32_t macroblocks_ = 0;  // in a picture

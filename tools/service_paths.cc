@@ -43,6 +43,11 @@ std::string findCodecRoot(const std::string& folder) {
   return folder + kRootPlaces[0];
 }
 
+std::string sandboxBeside(const std::string& service) {
+  const size_t slash = service.rfind('/');
+  return service.substr(0, slash == std::string::npos ? 0 : slash + 1) + "qora-sandbox";
+}
+
 bool hasEncoderLibrary(const std::string& root) {
   for (const char* place : kLibraryPlaces) {
     if (isThere(root + place)) return true;

@@ -15,6 +15,9 @@ std::string programFolder();
 std::string findService(const std::string& folder);
 std::string findCodecRoot(const std::string& folder);
 
+// The program that runs the service under its system call filter.
+std::string sandboxBeside(const std::string& service);
+
 // Whether the service would find a library below `root`.
 bool hasEncoderLibrary(const std::string& root);
 

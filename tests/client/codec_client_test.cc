@@ -3,22 +3,28 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <vector>
 
 #include "client/service_end.h"
-#include "tests/support/message_bytes.h"
 
 namespace qora::client {
 namespace {
 
-using test::Bytes;
+using Bytes = std::vector<uint8_t>;
 
-int32_t startPeer(CodecClient& client, const char* script, const char* codecRoot = "/the/root") {
-  setenv("PEER_SCRIPT", script, 1);
-  return client.start({.servicePath = SCRIPTED_PEER, .codecRoot = codecRoot});
-}
+// A client whose service does what the script says.
+struct PeerClient : CodecClient {
+  explicit PeerClient(const char* script, const char* codecRoot = "/the/root") {
+    setenv("PEER_SCRIPT", script, 1);
+    EXPECT_EQ(1, start({.servicePath = SCRIPTED_PEER, .codecRoot = codecRoot}));
+  }
+  int32_t encodeNothing() { return encode({}, {}, {}); }
+  Reply reply;
+};
 
 bool noChildIsLeft() {
   return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD;
@@ -30,49 +36,51 @@ void expectError(int error, int32_t result) {
 }
 
 TEST(CodecClientTest, SendsTheBytesOfEachCommand) {
-  using test::bytesOf, test::operator+;
-  CodecClient client;
-  ASSERT_EQ(1, startPeer(client, "echo"));
-  const service::AddStreamRequest add{service::kAnnexBFlag, 7, 2, 0x1122, 10, 40, 0x280, 0x168};
-  const service::EncodeRequest encode{7, 1, 99, {0, 256, 512}, {64, 32, 32}, 99};
-  const test::FrameHints hints{{{-2, 16, 32, 48, 64}, {}}, {{6, 1, 2, 3, 4, 5, 6}}, 1};
+  using namespace service;
+  const auto join = [](Bytes bytes, const auto& more) {
+    for (const uint8_t byte : more) bytes.push_back(byte);
+    return bytes;
+  };
+  const AddStreamRequest add{kAnnexBFlag, 7, 2, 0x1122, 10, 40, 0x280, 0x168};
+  EncodeRequest encode{7, 1, 99, {0, 256, 512}, {64, 32, 32}, 99};  // lengths are the client's own
+  const std::vector<Rectangle> rectangles{{-2, 16, 32, 48, 64}, {}};
+  const std::vector<RegionCopy> copies{{6, 1, 2, 3, 4, 5, 6}};
+  PeerClient client("echo");
   EXPECT_EQ(1, client.attachSegment(0x01020304));
   EXPECT_EQ(1, client.addStream(add));
-  EXPECT_EQ(1, client.encode(encode, hints.rectangles, hints.copies));
+  EXPECT_EQ(1, client.encode(encode, rectangles, copies));
   EXPECT_EQ(1, client.removeStream(7));
   EXPECT_EQ(1, client.removeSegment(0x01020304));
-  EXPECT_EQ(1, client.encode({}, {}, {}));
-  Reply reply;
-  ASSERT_EQ(1, client.readReply(reply));
-  EXPECT_EQ(bytesOf(service::buildSegmentMessage(service::CommandType::attachSegment, 0x01020304)) +
-                bytesOf(service::buildAddStream(add)) + test::encodeMessage(encode, hints),
-            reply.frame);
-  EXPECT_EQ(5u, encodeMilliseconds(reply.fields));  // across the clock's wrap
-  ASSERT_EQ(1, client.readReply(reply));
-  EXPECT_EQ(
-      bytesOf(service::buildRemoveStream(7)) +
-          bytesOf(service::buildSegmentMessage(service::CommandType::removeSegment, 0x01020304)) +
-          test::encodeMessage({}, {}),
-      reply.frame);
+  EXPECT_EQ(1, client.encodeNothing());
+  ASSERT_EQ(1, client.readReply(client.reply));
+  encode.rectangleBytes = 24;
+  encode.copyBytes = 16;
+  std::array<uint8_t, 40> lists{};
+  buildRectangle(rectangles[0], &lists[0]);
+  buildRegionCopy(copies[0], &lists[24]);
+  const auto attach = buildSegmentMessage(CommandType::attachSegment, 0x01020304);
+  const auto remove = buildSegmentMessage(CommandType::removeSegment, 0x01020304);
+  EXPECT_EQ(join(join(join(join({}, attach), buildAddStream(add)), buildEncodeHead(encode)), lists),
+            client.reply.frame);
+  EXPECT_EQ(5u, encodeMilliseconds(client.reply.fields));  // across the clock's wrap
+  ASSERT_EQ(1, client.readReply(client.reply));
+  EXPECT_EQ(join(join(join({}, buildRemoveStream(7)), remove), buildEncodeHead({})),
+            client.reply.frame);
 }
 
 TEST(CodecClientTest, MatchesRepliesByOrder) {
-  CodecClient client;
-  Reply reply;
-  EXPECT_EQ(0, client.stop());
-  expectError(EPIPE, client.encode({}, {}, {}));  // nothing is started
-  ASSERT_EQ(1, startPeer(client, "size 70000"));
-  expectError(EBUSY, startPeer(client, "echo"));
-  EXPECT_EQ(0, client.readReply(reply));  // none is due
+  PeerClient client("size 70000");
+  expectError(EBUSY, client.start({}));
+  EXPECT_EQ(0, client.readReply(client.reply));  // none is due
   for (const uint8_t stream : {3, 0, 7, 3}) {
     ASSERT_EQ(1, client.encode({stream, 0, 0, {}, {}, 0}, {}, {}));
   }
   for (const uint8_t stream : {3, 0, 7, 3}) {
     int32_t result;
-    while ((result = client.readReply(reply, 1)) == 0) continue;  // it may come later
+    while ((result = client.readReply(client.reply, 1)) == 0) continue;  // it may come later
     ASSERT_EQ(1, result);
-    EXPECT_EQ(stream, reply.streamId);
-    EXPECT_EQ(Bytes(70000, stream), reply.frame);
+    EXPECT_EQ(stream, client.reply.streamId);
+    EXPECT_EQ(Bytes(70000, stream), client.reply.frame);
   }
   EXPECT_EQ(1, client.stop());
   EXPECT_TRUE(noChildIsLeft());
@@ -80,18 +88,16 @@ TEST(CodecClientTest, MatchesRepliesByOrder) {
 
 // Commands and replies that are far larger than both pipes, and no reply read between them.
 TEST(CodecClientTest, GoesOnWhileBothPipesAreFull) {
-  CodecClient client;
-  ASSERT_EQ(1, startPeer(client, "size 1048576"));
+  PeerClient client("size 1048576");
   const std::vector<service::Rectangle> most(static_cast<size_t>(maxRectangles(0)));
   for (int i = 0; i < 4; ++i) ASSERT_EQ(1, client.encode({}, most, {}));
-  Reply reply;
   for (int i = 0; i < 4; ++i) {
-    ASSERT_EQ(1, client.readReply(reply));
-    EXPECT_EQ(1048576u, reply.frame.size());
+    ASSERT_EQ(1, client.readReply(client.reply));
+    EXPECT_EQ(1048576u, client.reply.frame.size());
   }
   const service::RegionCopy oneTooMany{};
   expectError(EMSGSIZE, client.encode({}, most, {&oneTooMany, 1}));
-  ASSERT_EQ(1, client.encode({}, {}, {}));
+  ASSERT_EQ(1, client.encodeNothing());
   EXPECT_EQ(1, client.stop());  // in the middle of a reply that nobody reads
 }
 
@@ -103,77 +109,67 @@ TEST(CodecClientTest, TellsHowTheServiceEnded) {
       {"half 22", "service ended with status 22: malformed message"},
       {"signal 9", "service ended by signal 9 (SIGKILL)"}};
   for (const auto& [script, words] : cases) {
-    SCOPED_TRACE(script);
-    CodecClient client;
-    Reply reply;
-    ASSERT_EQ(1, startPeer(client, script));
-    int32_t result = client.encode({}, {}, {});
-    if (result == 1) result = client.readReply(reply);
+    PeerClient client(script);
+    int32_t result = client.encodeNothing();
+    if (result == 1) result = client.readReply(client.reply);
     expectError(EPIPE, result);
     EXPECT_EQ(words, client.endText());
     EXPECT_TRUE(!client.isRunning() && noChildIsLeft());
-    expectError(EPIPE, client.encode({}, {}, {}));
-    ASSERT_EQ(1, startPeer(client, "echo"));  // and starts again
+    expectError(EPIPE, client.encodeNothing());
+    EXPECT_EQ(1, client.start({.servicePath = SCRIPTED_PEER, .codecRoot = "/"}));  // once more
     EXPECT_EQ("", client.endText());
   }
   EXPECT_EQ("service ended by signal 33", describeServiceEnd(33));  // one without a name
-  CodecClient client;
-  expectError(ENOENT, client.start({.servicePath = "/no/such/program", .codecRoot = ""}));
-  expectError(EACCES, client.start({.servicePath = "/etc/passwd", .codecRoot = ""}));
 }
 
-TEST(CodecClientTest, GivesUpOnAServiceThatTalksNonsenseOrHangs) {
-  CodecClient client;
-  Reply reply;
-  ASSERT_EQ(1, startPeer(client, "garbage"));
-  ASSERT_EQ(1, client.encode({}, {}, {}));
-  expectError(EPROTO, client.readReply(reply));
-  EXPECT_EQ(1, client.stop());
-  ASSERT_EQ(1, startPeer(client, "hang"));
-  EXPECT_EQ(-1, client.stop(20));
-  EXPECT_EQ("service did not end in time and was killed", client.endText());
+TEST(CodecClientTest, GivesUpOnAServiceThatIsNoService) {
+  CodecClient unstarted;
+  EXPECT_EQ(0, unstarted.stop());
+  expectError(EPIPE, unstarted.encode({}, {}, {}));
+  expectError(ENOENT, unstarted.start({.servicePath = "/no/such/program", .codecRoot = ""}));
+  expectError(EACCES, unstarted.start({.servicePath = "/etc/passwd", .codecRoot = ""}));
+  PeerClient nonsense("garbage");
+  ASSERT_EQ(1, nonsense.encodeNothing());
+  expectError(EPROTO, nonsense.readReply(nonsense.reply));
+  EXPECT_EQ(1, nonsense.stop());
+  PeerClient hanging("hang");
+  EXPECT_EQ(-1, hanging.stop(20));
+  EXPECT_EQ("service did not end in time and was killed", hanging.endText());
   EXPECT_TRUE(noChildIsLeft());
 }
 
 // Descriptors of one service must not reach the other, or its end of input would never come.
 TEST(CodecClientTest, GivesTheServiceNothingButItsOwn) {
   setenv("QORA_SYSTEM", "/ours", 1);
-  CodecClient clients[2];
-  ASSERT_EQ(1, startPeer(clients[0], "tell"));
-  ASSERT_EQ(1, startPeer(clients[1], "tell", ""));
+  PeerClient clients[] = {PeerClient("tell"), PeerClient("tell", "")};
   unsetenv("QORA_SYSTEM");
-  Reply replies[2];
+  std::string told[2];
   for (int i = 0; i < 2; ++i) {
-    ASSERT_EQ(1, clients[i].encode({}, {}, {}));
-    ASSERT_EQ(1, clients[i].readReply(replies[i]));
+    ASSERT_EQ(1, clients[i].encodeNothing());
+    ASSERT_EQ(1, clients[i].readReply(clients[i].reply));
+    told[i].assign(clients[i].reply.frame.begin(), clients[i].reply.frame.end());
   }
-  const std::string told(replies[0].frame.begin(), replies[0].frame.end());
-  EXPECT_EQ("/the/root 0 1 2", told.substr(0, 15));
-  EXPECT_EQ("/ours" + told.substr(9),
-            std::string(replies[1].frame.begin(), replies[1].frame.end()));
+  EXPECT_EQ("/the/root 0 1 2", told[0].substr(0, 15));
+  EXPECT_EQ("/ours" + told[0].substr(9), told[1]);
 }
 
 TEST(CodecClientTest, LeavesSignalsAlone) {
   signal(SIGPIPE, SIG_DFL);  // one that gets through ends this test
-  sigset_t pipe;
-  sigemptyset(&pipe);
-  sigaddset(&pipe, SIGPIPE);
-  for (const int others : {0, 1}) {  // whether somebody else's is waiting
-    pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGPIPE);
+  for (const int others : {0, 1}) {  // whether the parent has one waiting
+    pthread_sigmask(others == 1 ? SIG_BLOCK : SIG_UNBLOCK, &set, nullptr);
     if (others == 1) raise(SIGPIPE);
-    CodecClient client;
-    ASSERT_EQ(1, startPeer(client, "exit 0"));
+    PeerClient client("exit 0");
     while (client.removeStream(0) == 1) continue;
     EXPECT_EQ(EPIPE, errno);
     sigset_t waiting;
     sigpending(&waiting);
     EXPECT_EQ(others, sigismember(&waiting, SIGPIPE));
-    const timespec noWait{};
-    sigtimedwait(&pipe, nullptr, &noWait);
-    pthread_sigmask(SIG_UNBLOCK, &pipe, nullptr);
-    ASSERT_EQ(1, startPeer(client, "exit 0"));
-    while (client.removeStream(0) == 1) continue;
   }
+  int taken;
+  sigwait(&set, &taken);
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 
 #include <csignal>
 #include <filesystem>
+#include <regex>
 
 #include "base/process.h"
 #include "tests/client/table.h"
@@ -92,20 +93,19 @@ TEST_F(QoraEncodeTest, EncodesAClipInSeveralStreams) {
   EXPECT_TRUE(said.ends_with("2 streams, 38.9% of the macroblocks changed\n")) << said;
   EXPECT_TRUE(read("out.264").starts_with(std::string("\0\0\0\1", 4)));
   EXPECT_EQ(read("out.264"), read("out.1.264"));
-  std::istringstream stats(read("out.csv"));
-  std::string line;
-  std::getline(stats, line);
-  EXPECT_EQ("stream,frame,type,bytes,quantizer,encode_ms,round_trip_ms,changed_macroblocks", line);
-  const char* const rows[][2] = {{"0,0,I,", ",6"}, {"1,0,I,", ",6"}, {"0,1,P,", ",0"},
-                                 {"1,1,P,", ",0"}, {"0,2,P,", ",1"}, {"1,2,P,", ",1"}};
-  for (const auto& [begin, finish] : rows) {
-    std::getline(stats, line);
-    EXPECT_TRUE(line.starts_with(begin) && line.ends_with(finish)) << line;
-  }
-  EXPECT_FALSE(std::getline(stats, line));
-
+  // Sizes, quantizers and times differ from library to library.
+  const std::regex varying(",\\d+,\\d+,\\d+,\\d+\\.\\d{3},");
+  EXPECT_EQ(
+      "stream,frame,type,bytes,quantizer,encode_ms,round_trip_ms,changed_macroblocks\n"
+      "0,0,I,6\n1,0,I,6\n0,1,P,0\n1,1,P,0\n0,2,P,1\n1,2,P,1\n",
+      std::regex_replace(read("out.csv"), varying, ","));
   EXPECT_EQ("0 ", run("raw --size 48x32 -o raw.264 --quiet"));
   EXPECT_EQ(read("out.264"), read("raw.264"));
+  said = run("clip --skip-unchanged -o few.264 --stats few.csv");
+  EXPECT_NE(std::string::npos, said.find(", 1 of them skipped, 38.9%")) << said;
+  const std::string few = read("few.csv");
+  EXPECT_EQ(std::string::npos, few.find("\n1,"));
+  EXPECT_NE(std::string::npos, few.find("\n2,P,"));
   said = run("clip --frames 2 --no-rectangles -o short.264");
   EXPECT_TRUE(said.starts_with("0 encoded 2 frames, ")) << said;
 }

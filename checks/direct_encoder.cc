@@ -1,4 +1,4 @@
-#include "tests/e2e/direct_encoder.h"
+#include "checks/direct_encoder.h"
 
 #include <x264.h>
 
@@ -22,6 +22,7 @@ struct DirectEncoder::State {
   std::vector<float> quantizer;
   service::MacroblockMaps maps;
   int32_t bitrateMode;
+  std::chrono::nanoseconds encoderTime{};
 };
 
 DirectEncoder::DirectEncoder(const service::AddStreamRequest& settings) : state_(new State) {
@@ -72,10 +73,21 @@ DirectEncoder::~DirectEncoder() {
 }
 
 Bytes DirectEncoder::encode(const Picture& picture, const FrameHints& hints) {
+  PictureView view{};
+  for (int32_t plane = 0; plane < 3; ++plane) {
+    view.plane[plane] = picture.data.data() + picture.offset(plane);
+    view.stride[plane] = picture.stride(plane);
+  }
+  const auto coded = encodeView(view, hints);
+  return {coded.begin(), coded.end()};
+}
+
+std::span<const uint8_t> DirectEncoder::encodeView(const PictureView& picture,
+                                                   const FrameHints& hints) {
   State& s = *state_;
   for (int32_t plane = 0; plane < 3; ++plane) {
-    s.in.img.plane[plane] = const_cast<uint8_t*>(picture.data.data()) + picture.offset(plane);
-    s.in.img.i_stride[plane] = picture.stride(plane);
+    s.in.img.plane[plane] = const_cast<uint8_t*>(picture.plane[plane]);
+    s.in.img.i_stride[plane] = picture.stride[plane];
   }
   service::markAllUnchanged(s.maps);
   for (const auto& rectangle : hints.rectangles) {
@@ -85,23 +97,30 @@ Bytes DirectEncoder::encode(const Picture& picture, const FrameHints& hints) {
     service::fillRangePlainly(range, value, s.maps);
   }
   if (hints.invalidate == 1) x264_encoder_invalidate_reference(s.encoder, 0);
-  const auto view = [&s] {
-    return service::PlanarView{{s.out.img.plane[0], s.out.img.plane[1]},
-                               {s.out.img.i_stride[0], s.out.img.i_stride[1]}};
-  };
-  const service::PlanarView reference = view();
+  const service::PlanarView reference = reconstruction();
   x264_nal_t* nals = nullptr;
   int count = 0;
+  const auto start = std::chrono::steady_clock::now();
   const int size = x264_encoder_encode(s.encoder, &nals, &count, &s.in, &s.out);
+  s.encoderTime = std::chrono::steady_clock::now() - start;
   if (size <= 0) return {};
   if (reference.plane[0] != nullptr) {
-    for (const auto& copy : hints.copies) service::copyRegion(copy, reference, view());
+    for (const auto& copy : hints.copies) service::copyRegion(copy, reference, reconstruction());
   }
-  return {nals[0].p_payload, nals[0].p_payload + size};
+  return {nals[0].p_payload, static_cast<size_t>(size)};
+}
+
+service::PlanarView DirectEncoder::reconstruction() const {
+  const x264_image_t& image = state_->out.img;
+  return {{image.plane[0], image.plane[1]}, {image.i_stride[0], image.i_stride[1]}};
 }
 
 int32_t DirectEncoder::quantizer() const {
   return state_->out.i_qpplus1 - 1;
+}
+
+std::chrono::nanoseconds DirectEncoder::encoderTime() const {
+  return state_->encoderTime;
 }
 
 }  // namespace qora::test

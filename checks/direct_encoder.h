@@ -1,12 +1,15 @@
-// tests/e2e/direct_encoder.h -- The calls that the service makes, made in this process on the
+// checks/direct_encoder.h -- The calls that the service makes, made in this process on the
 // installed library: what its coded bytes are held against.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
+#include <span>
 
 #include <vector>
 
 #include "service/messages.h"
+#include "service/region_copy.h"
 
 namespace qora::test {
 
@@ -27,6 +30,12 @@ struct Picture {
   int32_t stride(int32_t plane) const { return plane == 0 ? width : width / 2; }
 };
 
+// The same by its planes, wherever they stand.
+struct PictureView {
+  const uint8_t* plane[3];
+  int32_t stride[3];
+};
+
 class DirectEncoder {
  public:
   explicit DirectEncoder(const service::AddStreamRequest& settings);
@@ -35,7 +44,13 @@ class DirectEncoder {
   DirectEncoder& operator=(const DirectEncoder&) = delete;
 
   Bytes encode(const Picture& picture, const FrameHints& hints);
+  // The coded bytes stay the encoder's and are good until the next call; empty: it failed.
+  std::span<const uint8_t> encodeView(const PictureView& picture, const FrameHints& hints);
+  // The picture that the next frame predicts from; null planes before the first.
+  service::PlanarView reconstruction() const;
   int32_t quantizer() const;
+  // What the last frame took in the encoder itself, maps and copies aside.
+  std::chrono::nanoseconds encoderTime() const;
 
  private:
   struct State;

@@ -1,0 +1,59 @@
+// bench_floor CLIP.y4m|- OUTPUT.264 KBPS -- What qora-encode does, with the encoder called in this
+// process: the same reading, search for changes and settings, no service.
+#include <cstdio>
+#include <cstdlib>
+#include <vector>
+
+#include "benchmarks/sessions.h"
+#include "client/changed_rectangles.h"
+#include "tools/clip_reader.h"
+
+int main(int argc, char* argv[]) {
+  using namespace qora;
+  if (argc != 4) bench::giveUp("usage: bench_floor CLIP.y4m OUTPUT.264 KBPS");
+  tools::ClipReader clip;
+  if (clip.open(argv[1], nullptr) == -1) bench::giveUp(clip.problem());
+  const tools::File output(fopen(argv[2], "wb"));
+  if (output == nullptr) bench::giveUp(argv[2]);
+  const tools::ClipFormat& format = clip.format();
+  test::DirectEncoder encoder({.flags = service::kAnnexBFlag,
+                               .streamId = 0,
+                               .threads = 1,
+                               .bitrate = static_cast<uint16_t>(atoi(argv[3])),
+                               .qpMin = 0,
+                               .qpMax = 51,
+                               .width = static_cast<uint16_t>(format.width),
+                               .height = static_cast<uint16_t>(format.height)});
+  const client::CellLayout layout = client::cellLayout(format.width, format.height);
+  std::vector<uint8_t> memory[2];
+  client::Picture cells[2];
+  for (int32_t cell = 0; cell < 2; ++cell) {
+    memory[cell].resize(layout.size);
+    cells[cell] = {.plane = {}, .stride = {}, .width = format.width, .height = format.height};
+    for (int32_t plane = 0; plane < 3; ++plane) {
+      cells[cell].plane[plane] = memory[cell].data() + layout.offset[plane];
+      cells[cell].stride[plane] = static_cast<int32_t>(layout.stride[plane]);
+    }
+  }
+  client::ChangedRectangles changes;
+  test::FrameHints hints;
+  for (int32_t frame = 0;; ++frame) {
+    const client::Picture& picture = cells[frame % 2];
+    const int32_t more = clip.read(picture);
+    if (more == -1) bench::giveUp(clip.problem());
+    if (more == 0) return 0;
+    if (frame == 0) {
+      changes.list.assign(1, client::wholePicture(picture.width, picture.height));
+    } else {
+      client::findChangedRectangles(cells[1 - frame % 2], picture, client::maxRectangles(0),
+                                    changes);
+      if (changes.list.empty()) changes.list.push_back(client::nothingChanged());
+    }
+    hints.rectangles.swap(changes.list);
+    const auto coded =
+        encoder.encodeView({{picture.plane[0], picture.plane[1], picture.plane[2]},
+                            {picture.stride[0], picture.stride[1], picture.stride[2]}},
+                           hints);
+    if (fwrite(coded.data(), 1, coded.size(), output.get()) != coded.size()) return 1;
+  }
+}

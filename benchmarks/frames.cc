@@ -1,0 +1,16 @@
+// bench_frames CLIP.y4m -- Every frame of a clip through the service and in-process, on one CPU:
+// a CSV line a frame on standard output.
+#include <cstdio>
+
+#include "benchmarks/clip.h"
+
+int main(int argc, char* argv[]) {
+  if (argc != 2) qora::bench::giveUp("usage: bench_frames CLIP.y4m");
+  qora::bench::pinToOneCpu();
+  printf("frame,service_us,encoder_us,bytes,changed_macroblocks\n");
+  int32_t frame = 0;
+  qora::bench::encodeClip(argv[1], [&](const qora::bench::FrameCost& cost, int32_t changed) {
+    printf("%d,%.1f,%.1f,%zu,%d\n", frame++, cost.service, cost.floor, cost.bytes, changed);
+  });
+  return 0;
+}

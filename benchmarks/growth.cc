@@ -1,0 +1,106 @@
+// bench_growth -- How cost grows with what a parent can make larger: CSV lines on standard output,
+// "figure,x,service,floor". Each figure's unit is in its name.
+#include <cstdio>
+
+#include "benchmarks/sessions.h"
+
+namespace qora::bench {
+namespace {
+
+using namespace std::chrono_literals;
+
+struct Size {
+  int32_t width, height;
+};
+constexpr Size kSizes[] = {{320, 240},   {640, 480},   {1280, 720},
+                           {1920, 1080}, {2560, 1440}, {3840, 2160}};
+
+double megapixels(const Size& size) {
+  return size.width * size.height / 1e6;
+}
+
+void printRow(const char* figure, double x, double service, double floor) {
+  printf("%s,%g,%.4g,%.4g\n", figure, x, service, floor);
+  fflush(stdout);
+}
+
+void printScripted(const char* figure, double x, int32_t rectangles, int32_t replyBytes) {
+  ScriptedPair pair(rectangles, replyBytes);
+  const Comparison result =
+      compare([&] { pair.callService(); }, [&] { pair.callEcho(); }, 51, 1000us);
+  printRow(figure, x, result.ours, result.floor);
+}
+
+// Median milliseconds a frame in one stream; the first, a key frame, is not counted.
+void printFrames(const char* figure, double x, const StreamShape& shape, double share) {
+  constexpr int32_t kFrames = 24;
+  SideBySide both(shape);
+  drawPicture(both.picture(0));
+  std::vector<double> service, floor;
+  for (int32_t frame = 0; frame < kFrames; ++frame) {
+    const int32_t cell = 1 - frame % 2;
+    const auto list = redrawShare(both.picture(1 - cell), both.picture(cell), share, 11 + frame);
+    double serviceSum = 0;
+    double floorSum = 0;
+    for (int32_t stream = 0; stream < shape.streams; ++stream) {
+      const FrameCost cost = both.encode(cell, list, stream);
+      serviceSum += cost.service;
+      floorSum += cost.floor;
+    }
+    if (frame == 0) continue;
+    service.push_back(serviceSum / 1000);
+    floor.push_back(floorSum / 1000);
+  }
+  printRow(figure, x, median(service), median(floor));
+}
+
+void printFirstReply(const Size& size) {
+  const StreamShape shape = {.width = size.width, .height = size.height};
+  std::vector<double> service, floor;
+  for (int32_t run = 0; run < 7; ++run) {
+    service.push_back(firstReplyOfService(shape));
+    floor.push_back(firstFrameInProcess(shape));
+  }
+  printRow("first_reply_ms", megapixels(size), median(service), median(floor));
+}
+
+void printMemory(const char* figure, double x, const StreamShape& shape) {
+  printRow(figure, x, static_cast<double>(memoryOfService(shape)) / 1024,
+           static_cast<double>(memoryInProcess(shape)) / 1024);
+}
+
+}  // namespace
+}  // namespace qora::bench
+
+int main() {
+  using namespace qora::bench;
+  printf("figure,x,service,floor\n");
+  for (const int32_t count : {1, 10, 100, 1000, 10000}) {
+    printScripted("rectangles_us", count, count, 100);
+  }
+  for (const int32_t bytes : {100, 1000, 10000, 100000, 1000000}) {
+    printScripted("reply_bytes_us", bytes, 1, bytes);
+  }
+  pinToOneCpu();
+  for (const Size& size : kSizes) {
+    printFrames("picture_ms", megapixels(size), {size.width, size.height}, 0.01);
+  }
+  for (const double share : {0.0, 0.01, 0.1, 1.0}) {
+    printFrames("changed_percent_ms", share * 100, {1920, 1080}, share);
+  }
+  for (int32_t streams = 1; streams <= 8; ++streams) {
+    printFrames("streams_ms", streams, {640, 480, 1, streams}, 0.01);
+  }
+  unpin();
+  for (const int32_t threads : {1, 2}) {
+    printFrames("threads_ms", threads, {1920, 1080, threads}, 1.0);
+  }
+  for (const Size& size : kSizes) {
+    printFirstReply(size);
+    printMemory("picture_mib", megapixels(size), {size.width, size.height});
+  }
+  for (int32_t streams = 1; streams <= 8; ++streams) {
+    printMemory("streams_mib", streams, {640, 480, 1, streams});
+  }
+  return 0;
+}

@@ -1,0 +1,332 @@
+#include "benchmarks/sessions.h"
+
+#include <fcntl.h>
+#include <sys/shm.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <random>
+
+namespace qora::bench {
+namespace {
+
+constexpr int32_t kCells = 2;
+constexpr int32_t kScriptedSide = 1024;  // of the picture that the scripted encoder never looks at
+
+service::AddStreamRequest addRequest(const StreamShape& shape, int32_t stream) {
+  return {.flags = service::kAnnexBFlag,
+          .streamId = static_cast<uint8_t>(stream),
+          .threads = static_cast<uint8_t>(shape.threads),
+          .bitrate = static_cast<uint16_t>(shape.bitrate),
+          .qpMin = 0,
+          .qpMax = 51,
+          .width = static_cast<uint16_t>(shape.width),
+          .height = static_cast<uint16_t>(shape.height)};
+}
+
+void check(int32_t result, const char* what) {
+  if (result == -1) giveUp(std::string(what) + ": " + strerror(errno));
+}
+
+void startService(client::CodecClient& client) {
+  check(client.start({.servicePath = SERVICE, .codecRoot = CODEC_ROOT}), "starting the service");
+}
+
+test::PictureView viewOf(const client::Picture& picture) {
+  test::PictureView view{};
+  std::copy_n(picture.plane, 3, view.plane);
+  std::copy_n(picture.stride, 3, view.stride);
+  return view;
+}
+
+pid_t onlyChild() {
+  const std::string self = std::to_string(getpid());
+  std::ifstream children("/proc/self/task/" + self + "/children");
+  pid_t child = -1;
+  for (pid_t next; children >> next;) child = next;
+  return child;
+}
+
+// The body's result out of a process of its own, which has nothing that an earlier one left.
+template <typename Function>
+auto inChild(Function body) {
+  using Result = decltype(body());
+  int ends[2];
+  if (pipe(ends) == -1) giveUp("no pipe");
+  const pid_t child = fork();
+  if (child == 0) {
+    const Result result = body();
+    _exit(write(ends[1], &result, sizeof result) == sizeof result ? 0 : 1);
+  }
+  Result result{};
+  const bool taken = read(ends[0], &result, sizeof result) == sizeof result;
+  close(ends[0]);
+  close(ends[1]);
+  waitpid(child, nullptr, 0);
+  if (!taken) giveUp("a measuring process failed");
+  return result;
+}
+
+// A screen full of letters of 8x16 pixels, each out of one of 64 patterns; another text a seed.
+uint8_t inkAt(int32_t x, int32_t y, uint32_t seed) {
+  const auto letter = static_cast<uint32_t>(x / 8 * 31 + y / 16 * 17) + seed * 13;
+  const uint32_t stroke = letter * 2654435761U >> 26;
+  const bool blank = letter % 3 == 0 || x % 8 > 5 || y % 16 > 11;
+  const bool ink =
+      (static_cast<uint32_t>(x % 8) * 5 + static_cast<uint32_t>(y % 16) * 3) % 7 == stroke % 7 ||
+      x % 8 == static_cast<int32_t>(stroke / 16);
+  return !blank && ink ? 210 : 36;
+}
+
+test::Bytes scriptedMessage(int32_t rectangles) {
+  service::EncodeRequest request{};
+  request.rectangleBytes = static_cast<uint32_t>(rectangles * service::kRectangleSize);
+  const auto head = service::buildEncodeHead(request);
+  test::Bytes message(head.begin(), head.end());
+  message.resize(head.size() + request.rectangleBytes);
+  for (int32_t i = 0; i < rectangles; ++i) {
+    const service::Rectangle rectangle = {0, static_cast<uint16_t>(i % 64 * 16),
+                                          static_cast<uint16_t>(i / 64 % 64 * 16), 16, 16};
+    service::buildRectangle(rectangle, &message[head.size() + i * service::kRectangleSize]);
+  }
+  return message;
+}
+
+template <typename Message>
+test::Bytes bytesOf(const Message& message) {
+  return {message.begin(), message.end()};
+}
+
+}  // namespace
+
+void giveUp(const std::string& what) {
+  fprintf(stderr, "benchmark: %s\n", what.c_str());
+  exit(1);
+}
+
+SideBySide::SideBySide(const StreamShape& shape) {
+  check(segment_.create(shape.width, shape.height, kCells), "making the segment");
+  startService(client_);
+  servicePid_ = onlyChild();
+  check(client_.attachSegment(segment_.id()), "attaching the segment");
+  for (int32_t stream = 0; stream < shape.streams; ++stream) {
+    const auto request = addRequest(shape, stream);
+    check(client_.addStream(request), "adding a stream");
+    direct_.push_back(std::make_unique<test::DirectEncoder>(request));
+  }
+}
+
+double SideBySide::encodeInService(int32_t cell, const std::vector<service::Rectangle>& rectangles,
+                                   int32_t stream) {
+  service::EncodeRequest request{};
+  request.streamId = static_cast<uint8_t>(stream);
+  segment_.place(cell, request);
+  const auto start = Clock::now();
+  const bool taken = client_.encode(request, rectangles, {}) == 1 && client_.readReply(reply_) == 1;
+  const double time = microseconds(Clock::now() - start);
+  if (!taken) giveUp("encoding in the service: " + client_.endText());
+  return time;
+}
+
+double SideBySide::encodeHere(int32_t cell, const std::vector<service::Rectangle>& rectangles,
+                              int32_t stream) {
+  test::DirectEncoder& encoder = *direct_[static_cast<size_t>(stream)];
+  hints_.rectangles = rectangles;
+  if (encoder.encodeView(viewOf(picture(cell)), hints_).empty()) giveUp("encoding in-process");
+  return microseconds(encoder.encoderTime());
+}
+
+FrameCost SideBySide::encode(int32_t cell, const std::vector<service::Rectangle>& rectangles,
+                             int32_t stream) {
+  FrameCost cost{};
+  const bool floorFirst = ++calls_ % 2 == 0;
+  if (floorFirst) cost.floor = encodeHere(cell, rectangles, stream);
+  cost.service = encodeInService(cell, rectangles, stream);
+  if (!floorFirst) cost.floor = encodeHere(cell, rectangles, stream);
+  cost.bytes = reply_.frame.size();
+  return cost;
+}
+
+void drawPicture(const client::Picture& picture) {
+  for (int32_t plane = 0; plane < 3; ++plane) {
+    for (int32_t y = 0; y < planeHeight(picture, plane); ++y) {
+      uint8_t* row = picture.plane[plane] + static_cast<int64_t>(y) * picture.stride[plane];
+      for (int32_t x = 0; x < planeWidth(picture, plane); ++x) {
+        row[x] = plane == 0 ? inkAt(x, y, 0) : static_cast<uint8_t>(124 + 4 * plane);
+      }
+    }
+  }
+}
+
+std::vector<service::Rectangle> redrawShare(const client::Picture& before,
+                                            const client::Picture& after, double share,
+                                            uint32_t seed) {
+  for (int32_t plane = 0; plane < 3; ++plane) {
+    memcpy(
+        after.plane[plane], before.plane[plane],
+        static_cast<size_t>(after.stride[plane]) * static_cast<size_t>(planeHeight(after, plane)));
+  }
+  std::minstd_rand random(seed);
+  std::vector<service::Rectangle> list;
+  const auto limit = static_cast<uint32_t>(share * 10000);
+  for (int32_t y = 0; y < after.height; y += 16) {
+    for (int32_t x = 0; x < after.width; x += 16) {
+      if (random() % 10000 >= limit) continue;
+      for (int32_t row = y; row < std::min(y + 16, after.height); ++row) {
+        uint8_t* luma = after.plane[0] + static_cast<int64_t>(row) * after.stride[0];
+        for (int32_t i = x; i < std::min(x + 16, after.width); ++i) {
+          luma[i] = inkAt(i, row, seed);
+        }
+      }
+      list.push_back({0, static_cast<uint16_t>(x), static_cast<uint16_t>(y), 16, 16});
+    }
+  }
+  if (list.empty()) list.push_back({});  // marks everything as unchanged
+  return list;
+}
+
+PipedProcess::PipedProcess(const std::string& program,
+                           const std::vector<std::string>& environment) {
+  int in[2];
+  int out[2];
+  if (pipe2(in, O_CLOEXEC) == -1 || pipe2(out, O_CLOEXEC) == -1) giveUp("no pipe");
+  process_ = fork();
+  if (process_ == 0) {
+    dup2(in[0], STDIN_FILENO);
+    dup2(out[1], STDOUT_FILENO);
+    for (const std::string& entry : environment) putenv(strdup(entry.c_str()));
+    execl(program.c_str(), program.c_str(), nullptr);
+    _exit(127);
+  }
+  close(in[0]);
+  close(out[1]);
+  input_.reset(in[1]);
+  output_.reset(out[0]);
+}
+
+PipedProcess::~PipedProcess() {
+  input_.reset();
+  output_.reset();
+  waitpid(process_, nullptr, 0);
+}
+
+void PipedProcess::write(const test::Bytes& bytes) {
+  for (size_t done = 0; done < bytes.size();) {
+    const ssize_t count = ::write(input_.get(), bytes.data() + done, bytes.size() - done);
+    if (count <= 0) giveUp("a process takes no command");
+    done += static_cast<size_t>(count);
+  }
+}
+
+void PipedProcess::read(test::Bytes& bytes) {
+  for (size_t done = 0; done < bytes.size();) {
+    const ssize_t count = ::read(output_.get(), bytes.data() + done, bytes.size() - done);
+    if (count <= 0) giveUp("a process gives no reply");
+    done += static_cast<size_t>(count);
+  }
+}
+
+ScriptedPair::ScriptedPair(int32_t rectangles, int32_t replyBytes)
+    : root_({std::pair<std::string, std::string>("lib/libx264.so", FAKE_ENCODER_LIBRARY)}),
+      service_(SERVICE, {"QORA_SYSTEM=" + root_.path(),
+                         "FAKE_ENCODER=encode=" + std::to_string(replyBytes)}),
+      echo_(ECHO, {"QORA_ECHO=" + std::to_string(scriptedMessage(rectangles).size()) + "," +
+                   std::to_string(service::kReplyHeadSize + replyBytes)}),
+      memory_(nullptr, [](uint8_t* memory) { shmdt(memory); }),
+      message_(scriptedMessage(rectangles)),
+      reply_(static_cast<size_t>(service::kReplyHeadSize + replyBytes)) {
+  const int id = shmget(IPC_PRIVATE, 4096, 0600);
+  memory_.reset(static_cast<uint8_t*>(shmat(id, nullptr, 0)));
+  service_.write(bytesOf(service::buildSegmentMessage(service::CommandType::attachSegment, id)));
+  service_.write(bytesOf(
+      service::buildAddStream(addRequest({.width = kScriptedSide, .height = kScriptedSide}, 0))));
+  call(service_);  // the service has the segment now
+  shmctl(id, IPC_RMID, nullptr);
+}
+
+void ScriptedPair::call(PipedProcess& process) {
+  process.write(message_);
+  process.read(reply_);
+}
+
+double firstReplyOfService(const StreamShape& shape) {
+  client::FrameSegment segment;
+  check(segment.create(shape.width, shape.height, 1), "making the segment");
+  drawPicture(segment.picture(0));
+  client::CodecClient client;
+  client::Reply reply;
+  service::EncodeRequest request{};
+  segment.place(0, request);
+  const std::vector<service::Rectangle> all = {
+      {0, 0, 0, static_cast<uint16_t>(shape.width), static_cast<uint16_t>(shape.height)}};
+  const auto start = Clock::now();
+  startService(client);
+  check(client.attachSegment(segment.id()), "attaching the segment");
+  check(client.addStream(addRequest(shape, 0)), "adding a stream");
+  check(client.encode(request, all, {}), "encoding");
+  check(client.readReply(reply), "taking the reply");
+  return microseconds(Clock::now() - start) / 1000;
+}
+
+double firstFrameInProcess(const StreamShape& shape) {
+  return inChild([&shape] {
+    client::FrameSegment segment;
+    check(segment.create(shape.width, shape.height, 1), "making the segment");
+    drawPicture(segment.picture(0));
+    const auto start = Clock::now();
+    test::DirectEncoder encoder(addRequest(shape, 0));
+    test::FrameHints hints;
+    hints.rectangles = {
+        {0, 0, 0, static_cast<uint16_t>(shape.width), static_cast<uint16_t>(shape.height)}};
+    encoder.encodeView(viewOf(segment.picture(0)), hints);
+    return microseconds(Clock::now() - start) / 1000;
+  });
+}
+
+int64_t privateKilobytes(pid_t process) {
+  std::ifstream rollup("/proc/" + std::to_string(process) + "/smaps_rollup");
+  int64_t sum = 0;
+  for (std::string line; std::getline(rollup, line);) {
+    if (line.starts_with("Private_")) sum += atoll(line.c_str() + line.find(':') + 1);
+  }
+  return sum;
+}
+
+int64_t memoryOfService(const StreamShape& shape) {
+  SideBySide both(shape);
+  drawPicture(both.picture(0));
+  for (int32_t frame = 0; frame < 3; ++frame) {
+    const auto list = redrawShare(both.picture(frame % 2), both.picture(1 - frame % 2), 0.1, 5);
+    for (int32_t stream = 0; stream < shape.streams; ++stream) {
+      both.encode(1 - frame % 2, list, stream);
+    }
+  }
+  return privateKilobytes(both.servicePid());
+}
+
+int64_t memoryInProcess(const StreamShape& shape) {
+  return inChild([&shape] {
+    client::FrameSegment segment;
+    check(segment.create(shape.width, shape.height, kCells), "making the segment");
+    drawPicture(segment.picture(0));
+    test::FrameHints hints;
+    hints.rectangles = redrawShare(segment.picture(0), segment.picture(1), 0.1, 5);
+    const int64_t before = privateKilobytes(getpid());
+    std::vector<std::unique_ptr<test::DirectEncoder>> encoders;
+    for (int32_t stream = 0; stream < shape.streams; ++stream) {
+      encoders.push_back(std::make_unique<test::DirectEncoder>(addRequest(shape, stream)));
+      for (int32_t frame = 0; frame < 3; ++frame) {
+        encoders.back()->encodeView(viewOf(segment.picture(frame % 2)), hints);
+      }
+    }
+    return privateKilobytes(getpid()) - before;
+  });
+}
+
+}  // namespace qora::bench

@@ -1,0 +1,119 @@
+// benchmarks/sessions.h -- The built service beside what it is held against: the encoder called in
+// this process, or a process that only echoes.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "benchmarks/timing.h"
+#include "checks/direct_encoder.h"
+#include "client/codec_client.h"
+#include "client/frame_segment.h"
+#include "tests/support/temporary_root.h"
+
+namespace qora::bench {
+
+// Ends the program with the text: a measurement that cannot be made has no use.
+[[noreturn]] void giveUp(const std::string& what);
+
+struct StreamShape {
+  int32_t width, height;
+  int32_t threads = 1;
+  int32_t streams = 1;
+  int32_t bitrate = 0;  // kbit/s; 0: constant quality
+};
+
+// One frame, encoded both ways; microseconds.
+struct FrameCost {
+  double service;  // from the call of encode() until the reply was taken
+  double floor;    // the encoder's own function in this process, nothing else
+  size_t bytes;    // of the coded frame
+};
+
+// Real streams in the service and the same in this process, over the same two picture cells.
+class SideBySide {
+ public:
+  explicit SideBySide(const StreamShape& shape);
+
+  client::Picture picture(int32_t cell) const { return segment_.picture(cell); }
+  // Encodes a cell in both; every second call the floor goes first.
+  FrameCost encode(int32_t cell, const std::vector<service::Rectangle>& rectangles,
+                   int32_t stream = 0);
+  const client::Reply& lastReply() const { return reply_; }
+  pid_t servicePid() const { return servicePid_; }
+
+ private:
+  double encodeInService(int32_t cell, const std::vector<service::Rectangle>& rectangles,
+                         int32_t stream);
+  double encodeHere(int32_t cell, const std::vector<service::Rectangle>& rectangles,
+                    int32_t stream);
+
+  client::FrameSegment segment_;
+  client::CodecClient client_;
+  std::vector<std::unique_ptr<test::DirectEncoder>> direct_;
+  test::FrameHints hints_;
+  client::Reply reply_;
+  pid_t servicePid_ = -1;
+  int64_t calls_ = 0;
+};
+
+// A text-like picture in a cell, and another one with a share of its macroblocks drawn anew. The
+// result is the list of those, at least one rectangle.
+void drawPicture(const client::Picture& picture);
+std::vector<service::Rectangle> redrawShare(const client::Picture& before,
+                                            const client::Picture& after, double share,
+                                            uint32_t seed);
+
+// A program behind two plain pipes, with extra environment entries ("NAME=value").
+class PipedProcess {
+ public:
+  PipedProcess(const std::string& program, const std::vector<std::string>& environment);
+  ~PipedProcess();
+  PipedProcess(const PipedProcess&) = delete;
+  PipedProcess& operator=(const PipedProcess&) = delete;
+
+  void write(const test::Bytes& bytes);
+  void read(test::Bytes& bytes);  // all of its size
+
+ private:
+  pid_t process_;
+  client::Descriptor input_;
+  client::Descriptor output_;
+};
+
+// The service over an encoder that returns at once, and a bare echo of the same sizes; both behind
+// the same plain pipes. A call is one round trip.
+class ScriptedPair {
+ public:
+  ScriptedPair(int32_t rectangles, int32_t replyBytes);
+  void callService() { call(service_); }
+  void callEcho() { call(echo_); }
+
+ private:
+  void call(PipedProcess& process);
+
+  test::TemporaryRoot root_;
+  PipedProcess service_;
+  PipedProcess echo_;
+  std::unique_ptr<uint8_t, void (*)(uint8_t*)> memory_;
+  test::Bytes message_;
+  test::Bytes reply_;
+};
+
+// Milliseconds from nothing to the first coded frame: the service started, a segment attached, a
+// stream added, a picture encoded; and the encoder opened and called in a fresh process.
+double firstReplyOfService(const StreamShape& shape);
+double firstFrameInProcess(const StreamShape& shape);
+
+// Memory in KiB that would be free without the process: no shared pictures, no libraries' code that
+// others run as well.
+int64_t privateKilobytes(pid_t process);
+// After a few frames: of the service, and what the same streams add to a process of their own.
+int64_t memoryOfService(const StreamShape& shape);
+int64_t memoryInProcess(const StreamShape& shape);
+
+}  // namespace qora::bench
