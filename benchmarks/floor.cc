@@ -1,5 +1,5 @@
-// bench_floor CLIP.y4m|- OUTPUT.264 KBPS -- What qora-encode does, with the encoder called in this
-// process: the same reading, search for changes and settings, no service.
+// bench_floor CLIP.y4m|- OUTPUT.264 KBPS QP_MIN -- What qora-encode does, with the encoder called
+// in this process: the same reading, search for changes and settings, no service.
 #include <cstdio>
 #include <cstdlib>
 #include <vector>
@@ -10,7 +10,7 @@
 
 int main(int argc, char* argv[]) {
   using namespace qora;
-  if (argc != 4) bench::giveUp("usage: bench_floor CLIP.y4m OUTPUT.264 KBPS");
+  if (argc != 5) bench::giveUp("usage: bench_floor CLIP.y4m OUTPUT.264 KBPS QP_MIN");
   tools::ClipReader clip;
   if (clip.open(argv[1], nullptr) == -1) bench::giveUp(clip.problem());
   const tools::File output(fopen(argv[2], "wb"));
@@ -20,7 +20,7 @@ int main(int argc, char* argv[]) {
                                .streamId = 0,
                                .threads = 1,
                                .bitrate = static_cast<uint16_t>(atoi(argv[3])),
-                               .qpMin = 0,
+                               .qpMin = static_cast<uint8_t>(atoi(argv[4])),
                                .qpMax = 51,
                                .width = static_cast<uint16_t>(format.width),
                                .height = static_cast<uint16_t>(format.height)});

@@ -267,13 +267,14 @@ int32_t CodecClient::readReply(Reply& reply, int32_t timeout) {
   const auto deadline = Clock::now() + std::chrono::milliseconds(timeout);
   while (true) {
     if (const int32_t taken = takeReply(reply); taken != 0) return taken;
-    const int32_t received = receiveSome();
-    if (received == -1) return -1;
-    if (received == 1) continue;
-    const int32_t left = timeout < 0 ? -1 : pollTimeout(deadline);
-    if (left == 0) return 0;
-    pollfd end = {replies_.get(), POLLIN, 0};
-    if (::poll(&end, 1, left) == -1 && errno != EINTR) return -1;
+    // A reply is hardly ever there already: to wait first saves a read that finds nothing.
+    if (replies_.get() != -1) {
+      pollfd end = {replies_.get(), POLLIN, 0};
+      const int ready = ::poll(&end, 1, timeout < 0 ? -1 : pollTimeout(deadline));
+      if (ready == 0) return 0;
+      if (ready == -1 && errno != EINTR) return -1;
+    }
+    if (receiveSome() == -1) return -1;
   }
 }
 

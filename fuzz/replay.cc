@@ -1,12 +1,14 @@
 // fuzz/replay.cc -- Runs a fuzzer over files, without an engine.
 //
 // Usage: replay_NAME PATH...; a folder stands for its files. Each file is run whole, then cut after
-// every one of its bytes. A file that breaks something ends the program where it breaks.
+// every one of its bytes; then come a thousand inputs of random bytes, the same ones each time. An
+// input that breaks something ends the program where it breaks.
 
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <random>
 #include <vector>
 
 #include "fuzz/fuzz.h"
@@ -26,6 +28,15 @@ int runFile(const std::filesystem::path& path) {
   return 1;
 }
 
+void runRandom() {
+  std::mt19937 random(1);
+  for (int round = 0; round < 1000; ++round) {
+    std::vector<uint8_t> bytes(random() % 400);
+    for (uint8_t& byte : bytes) byte = static_cast<uint8_t>(random());
+    LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
+  }
+}
+
 }  // namespace
 
 int main(int count, char* arguments[]) {
@@ -39,6 +50,7 @@ int main(int count, char* arguments[]) {
       files += runFile(entry.path());
     }
   }
+  runRandom();
   std::printf("%d files\n", files);
   return files > 0 ? 0 : 1;
 }

@@ -14,17 +14,14 @@ tests=(
   clang-format-14 # other versions format differently
   git python3     # format check, include check
   ffmpeg          # decodes what was encoded
-  libclang-rt-14-dev # the fuzzers' engine and the sanitizers of clang
-  strace valgrind # stress/, with gnuplot for its plot
-  gnuplot-nox
+  strace valgrind gnuplot-nox # stress/ and its plot
   bubblewrap                   # a sandbox for the service
   libavcodec-dev libavutil-dev # a decoder whose pictures can be changed
 )
-benchmarks=(
+benchmarks=( # on the demo's desktop
   libbenchmark-dev
+  x264 time # what the service is compared with
   gnuplot-nox
-  x264 time ffmpeg                 # what the service is compared with
-  xvfb openbox xterm x11-apps xdotool x11-xserver-utils fonts-dejavu-core # a desktop to film
 )
 demo=(
   ffmpeg

@@ -19,9 +19,15 @@ int32_t clip(int32_t start, int32_t limit, int32_t& count) {
   return count > 0 ? 1 : 0;
 }
 
+// Four cells a store and eight stores a round: with one a round it takes twice as long as memset.
+// `count` of 0 or less: nothing.
 void fillFloats(float* cells, int32_t count, float value) {
   using FourFloats = float __attribute__((vector_size(16)));
+  constexpr int32_t kRound = 32;
   const FourFloats four = {value, value, value, value};
+  for (; count >= kRound; count -= kRound, cells += kRound) {
+    for (int32_t cell = 0; cell < kRound; cell += 4) memcpy(cells + cell, &four, sizeof four);
+  }
   for (; count >= 4; count -= 4, cells += 4) memcpy(cells, &four, sizeof four);
   for (; count > 0; --count) *cells++ = value;
 }

@@ -1,32 +1,16 @@
 #!/usr/bin/env python3
-"""Every allocation of a session fails in turn, once and from then on; and a steady frame makes none.
+"""Every allocation of a session fails in turn, once and from then on; a steady frame makes none.
 
 The service must end by itself, in time, with listed lines and without a signal. The scripted
 encoder is used throughout; with --seconds to spare, the real one too, a sample of its many.
 """
 
-import mmap
-import os
-import struct
 import time
 
 import harness
 from catalogue import Listed
-from harness import Segment, Service, add, attach, encode, rectangle, run
+from harness import Counts, Segment, Service, add, attach, encode, rectangle, run
 from sessions import session
-
-
-class Counts:
-    """The allocations and frees of a service that is running or has ended."""
-
-    def __init__(self):
-        self.file = os.memfd_create("counts", 0)
-        os.truncate(self.file, 16)
-        self.memory = mmap.mmap(self.file, 16)
-        self.path = f"/proc/{os.getpid()}/fd/{self.file}"
-
-    def now(self):
-        return struct.unpack("<QQ", self.memory)
 
 
 def allocations_of(build, data, root):

@@ -32,7 +32,8 @@ def signed(size):
 def command(kind, size):
     """A command of the declared size, with all of its body where that is of a sensible length."""
     if kind != 2:
-        body = {0: bytes([9]) + bytes(9), 1: bytes([3, 0]), 3: attach(-1)[6:], 4: detach(77)[6:]}[kind]
+        body = {0: bytes([9]) + bytes(9), 1: bytes([3, 0]),
+                3: attach(-1)[6:], 4: detach(77)[6:]}[kind]
         return raw(size, kind, body)
     if not 44 <= size <= MIB + KIB64:
         return raw(size, 2, 38)

@@ -121,7 +121,7 @@ def main():
     if not options.build.sanitized:
         for entry in listed.messages + listed.statuses:
             report.check(entry in seen, f"no case saw {entry!r}")
-        report.note(f"{len(listed.messages)} messages and {len(listed.statuses)} statuses ticked off")
+        report.note(f"{len(listed.messages)} messages, {len(listed.statuses)} statuses ticked off")
     report.check(None not in seen, "a line was seen that is not listed")
     # The page that parents are written by lists the same lines. Their reporters add the prefixes.
     for text in re.findall(r"^\| `(.+?)` \|", DIAGNOSTICS.read_text(), re.MULTILINE):

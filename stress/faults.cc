@@ -73,6 +73,12 @@ bool allocationFails(size_t size) {
   return fails;
 }
 
+// Counts a new block.
+void* held(void* block) {
+  if (block != nullptr) __atomic_add_fetch(&faults.counts[1], 1, __ATOMIC_RELAXED);
+  return block;
+}
+
 size_t shortened(size_t length) {
   return faults.shortLength == 0 ? length : std::min(length, faults.shortLength);
 }
@@ -87,16 +93,18 @@ bool callFails(const char* name) {
 extern "C" {
 
 void* malloc(size_t size) {
-  return allocationFails(size) ? nullptr : __libc_malloc(size);
+  return allocationFails(size) ? nullptr : held(__libc_malloc(size));
 }
 void* calloc(size_t count, size_t size) {
-  return allocationFails(count * size) ? nullptr : __libc_calloc(count, size);
+  return allocationFails(count * size) ? nullptr : held(__libc_calloc(count, size));
 }
 void* realloc(void* block, size_t size) {
-  return allocationFails(size) ? nullptr : __libc_realloc(block, size);
+  if (allocationFails(size)) return nullptr;
+  void* moved = __libc_realloc(block, size);
+  return block == nullptr ? held(moved) : moved;
 }
 void* memalign(size_t alignment, size_t size) {
-  return allocationFails(size) ? nullptr : __libc_memalign(alignment, size);
+  return allocationFails(size) ? nullptr : held(__libc_memalign(alignment, size));
 }
 void* aligned_alloc(size_t alignment, size_t size) {
   return memalign(alignment, size);
@@ -106,7 +114,7 @@ int posix_memalign(void** block, size_t alignment, size_t size) {
   return *block == nullptr ? ENOMEM : 0;
 }
 void free(void* block) {
-  if (block != nullptr) __atomic_add_fetch(&faults.counts[1], 1, __ATOMIC_RELAXED);
+  if (block != nullptr) __atomic_sub_fetch(&faults.counts[1], 1, __ATOMIC_RELAXED);
   __libc_free(block);
 }
 

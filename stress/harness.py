@@ -8,12 +8,12 @@ and an exit status that is 1 when anything failed.
 import argparse
 import ctypes
 import fcntl
+import mmap
 import os
 import pathlib
 import re
 import select
 import shutil
-import signal
 import struct
 import subprocess
 import sys
@@ -30,7 +30,8 @@ LOG_PREFIX = re.compile(r"^(\d+) \d+ \d\d:\d\d:\d\d \d\d\d\.\d\d\d ")
 
 def raw(size, kind, body=0, argument=0):
     """A header of any declared size, and a body: bytes, or so many zeros."""
-    return struct.pack("<IBB", size, kind, argument) + (bytes(body) if isinstance(body, int) else body)
+    body = bytes(body) if isinstance(body, int) else body
+    return struct.pack("<IBB", size, kind, argument) + body
 
 
 def add(stream, width=64, height=48, bitrate=0, threads=1, flags=4, qp=(0, 51)):
@@ -171,6 +172,20 @@ class Build:
 
     def close(self):
         shutil.rmtree(self.scratch)
+
+
+class Counts:
+    """What libfaults.so counts in a service, while it runs and after."""
+
+    def __init__(self):
+        self.file = os.memfd_create("counts", 0)
+        os.truncate(self.file, 16)
+        self.memory = mmap.mmap(self.file, 16)
+        self.path = f"/proc/{os.getpid()}/fd/{self.file}"
+
+    def now(self):
+        """How often memory was asked for, and the blocks that are held."""
+        return struct.unpack("<QQ", self.memory)
 
 
 class Service:

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""The service under valgrind: no error, and nothing lost but what an add over a stream in use leaves.
+"""The service under valgrind: no error, nothing lost but what an add over a stream in use leaves.
 
 Drives sessions of its own over the scripted and the real encoder, then, with at least five minutes,
 the whole end-to-end suite.

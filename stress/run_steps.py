@@ -56,7 +56,8 @@ class Step:
 
 def read_steps():
     steps = [Step(line) for line in STEPS.read_text().splitlines() if not line.startswith("#")]
-    share = {lane: sum(step.share for step in steps if step.lane == lane) for lane in ("a", "b", "ab")}
+    share = {lane: sum(step.share for step in steps if step.lane == lane)
+             for lane in ("a", "b", "ab")}
     if max(share["a"], share["b"]) + share["ab"] > 0.95:
         sys.exit(f"steps.tsv: more than 95 % of the time is given away: {share}")
     return steps

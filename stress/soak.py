@@ -1,10 +1,11 @@
 #!/usr/bin/env python3
-"""Eight streams of 640x360 with the real encoder for as long as the budget says, with removals and
-additions of streams and segments in between: memory, descriptors and mappings must stay.
+"""Eight streams of 640x360 with the real encoder for as long as the budget says: memory,
+descriptors and mappings must stay.
 
-Writes soak.csv and soak.png into the logs' folder. The memory's slope is taken by least squares
-behind the warm-up, the first fifth of the time, over the lowest sample of each minute: a block that
-the allocator happens to hold when a stream was just replaced is no growth, a leak lifts the floor.
+The first third of the time replaces streams and the segment between the frames, all the while; now
+and then every stream is removed, and the empty service must hold as many blocks as ever. The rest
+is the long run: eight streams that stay, whose memory has its slope taken by least squares.
+Writes soak.csv and soak.png into the logs' folder.
 """
 
 import os
@@ -14,16 +15,18 @@ import subprocess
 import time
 
 import harness
-from harness import (Segment, Service, add, attach, attached, copy, detach, encode, planes,
+from harness import (Counts, Segment, Service, add, attach, attached, copy, detach, encode, planes,
                      rectangle, remove)
 
 WIDTH, HEIGHT, STREAMS = 640, 360, 8
 BYTES = WIDTH * HEIGHT * 3 // 2
-CYCLES = 6      # of each kind a second, 10,000 in all
+CYCLES = 6      # of each kind for a second of the budget, 10,000 in all
+CYCLING = 1 / 3 # of the time
+RESTS = 20      # looks at the empty service
 FRAMES = 100    # a second, over all streams: the other core is for other steps
-SLOPE = 1.0     # MiB an hour
-SETTLED = 600   # seconds of measurement from which on the slope says something
-WARM_UP = 0.2
+SLOPE = 1.0     # MiB an hour, once the long run has had its warm-up
+WARM_UP = 30    # seconds
+SETTLED = 300   # seconds of measurement from which on the slope says something
 
 PLOT = """
 set terminal png size 1200,700
@@ -76,26 +79,44 @@ def measure(pid):
 
 class Soak:
     def __init__(self, build, segment, view, seconds):
-        self.service = Service(build, root=build.real)
+        self.counts = None if build.sanitized else Counts()
+        self.service = Service(build, root=build.real, preload=bool(self.counts), environment={
+            "FAULT_COUNT": self.counts.path if self.counts else None})
         self.segment, self.view, self.seconds = segment, view, seconds
         self.chance = random.Random(1)
+        for stream in range(STREAMS):
+            self.view[stream * BYTES:(stream + 1) * BYTES] = self.chance.randbytes(BYTES)
         self.frames = self.stream_cycles = self.segment_cycles = 0
         self.cycles = min(int(CYCLES * seconds), 10000)
-        self.samples = []
+        self.samples, self.rests = [], []
         self.fresh = set(range(STREAMS))  # no frame since the addition
         self.service.send(attach(segment) + b"".join(map(add_stream, range(STREAMS))))
 
+    def replace(self, streams):
+        self.service.send(b"".join(remove(stream) + add_stream(stream) for stream in streams))
+        self.fresh.update(streams)
+        self.stream_cycles += len(streams)
+
+    def rest(self):
+        """Counts the empty service's blocks."""
+        self.service.send(b"".join(map(remove, range(STREAMS))))
+        self.service.settle()
+        time.sleep(0.2)
+        self.rests.append(self.counts.now()[1])
+        self.service.send(b"".join(map(add_stream, range(STREAMS))))
+        self.fresh.update(range(STREAMS))
+        self.stream_cycles += STREAMS
+
     def cycle(self, share):
-        """As many cycles as belong to the share of the time that has gone, whole ones."""
-        due = int(min(share * 1.05, 1) * self.cycles)
+        """As many cycles as belong to the share of their time that has gone."""
+        due = int(min(share, 1) * self.cycles)
         while self.stream_cycles < due:
-            stream = self.stream_cycles % STREAMS
-            self.service.send(remove(stream) + add_stream(stream))
-            self.fresh.add(stream)
-            self.stream_cycles += 1
+            self.replace([self.stream_cycles % STREAMS])
         while self.segment_cycles < due:
             self.service.send(detach(self.segment) + attach(self.segment))
             self.segment_cycles += 1
+        if self.counts and len(self.rests) < int(min(share, 1) * RESTS):
+            self.rest()
 
     def encode_all(self):
         for stream in range(STREAMS):
@@ -109,8 +130,11 @@ class Soak:
     def run(self):
         """False when a frame was not answered."""
         begun, sampled = time.monotonic(), -1.0
-        while (gone := time.monotonic() - begun) < self.seconds or self.stream_cycles < self.cycles:
-            self.cycle(gone / self.seconds)
+        while True:
+            gone = time.monotonic() - begun
+            if gone >= self.seconds and self.segment_cycles >= self.cycles:
+                return True
+            self.cycle(gone / self.seconds / CYCLING)
             if not self.encode_all():
                 return False
             if gone - sampled >= self.seconds / 1800:
@@ -119,7 +143,6 @@ class Soak:
             ahead = begun + self.frames / FRAMES - time.monotonic()
             if ahead > 0:
                 time.sleep(ahead)
-        return True
 
 
 def slope(samples):
@@ -131,32 +154,21 @@ def slope(samples):
     return sum((sample[0] - middle) * (sample[1] - level) for sample in samples) / spread
 
 
-def floors(samples, window=60):
-    """The sample with the least memory in each window of so many seconds."""
-    lowest = {}
-    for sample in samples:
-        place = int(sample[0] // window)
-        lowest[place] = min(lowest.get(place, sample), sample, key=lambda one: one[1])
-    return list(lowest.values())
-
-
-def judge(report, samples, seconds):
-    settled = [sample for sample in samples if sample[0] >= seconds * WARM_UP]
-    length = settled[-1][0] - settled[0][0]
-    if length >= SETTLED:
-        hourly = slope(floors(settled)) * 3600 / 1024
-        report.note(f"{hourly:+.2f} MiB an hour over {length:.0f} s")
-        report.check(hourly <= SLOPE, f"resident memory grows by {hourly:.2f} MiB an hour")
-        # The allocator maps large blocks and unmaps them as streams come and go: the number of
-        # mappings moves a little, but not upwards.
-        third = len(settled) // 3
-        before, after = (max(sample[3] for sample in part)
-                         for part in (settled[:third], settled[-third:]))
-        report.check(after <= before, f"mappings grew from {before} to {after}")
-    descriptors = {sample[2] for sample in settled}
-    report.check(len(descriptors) == 1, f"descriptors changed: {sorted(descriptors)}")
-    report.note(f"{settled[-1][1] / 1024:.1f} MiB, "
-                f"{settled[-1][2]} descriptors, {settled[-1][3]} mappings")
+def judge(report, soak):
+    if soak.rests:
+        report.check(len(set(soak.rests)) == 1, f"blocks of the empty service: {soak.rests}")
+        report.note(f"{soak.rests[-1]} blocks in the empty service, {len(soak.rests)} times")
+    steady = [one for one in soak.samples if one[0] >= soak.seconds * CYCLING + WARM_UP]
+    if len(steady) < 2 or steady[-1][0] - steady[0][0] < SETTLED:
+        return
+    hourly = slope(steady) * 3600 / 1024
+    report.check(hourly <= SLOPE, f"resident memory grows by {hourly:.2f} MiB an hour")
+    for column, name in ((2, "descriptors"), (3, "mappings")):
+        values = {sample[column] for sample in steady}
+        report.check(len(values) == 1, f"{name} changed: {sorted(values)}")
+    report.note(f"{hourly:+.2f} MiB an hour over {steady[-1][0] - steady[0][0]:.0f} s, "
+                f"{steady[-1][1] / 1024:.1f} MiB, {steady[-1][2]} descriptors, "
+                f"{steady[-1][3]} mappings")
 
 
 def plot(logs, samples):
@@ -182,7 +194,7 @@ def main():
         report.check(attached(segment.id) == 1, "the service's attachment is left")
     report.check(soak.stream_cycles >= soak.cycles and soak.segment_cycles >= soak.cycles,
                  f"only {soak.stream_cycles} and {soak.segment_cycles} cycles")
-    judge(report, soak.samples, options.seconds)
+    judge(report, soak)
     plot(options.logs, soak.samples)
     report.note(f"{soak.frames} frames, {soak.stream_cycles} stream and "
                 f"{soak.segment_cycles} segment cycles")

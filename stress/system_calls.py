@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""System calls of a session that fail once, each with seven errors, and channel calls that move less
-than was asked for.
+"""System calls of a session that fail once, each with seven errors, and channel calls that move
+less than was asked for.
 
 A first run under strace lists the calls; then one run a call and error has that very call fail.
 Calls that the loader makes before main() are left out: without its libraries nothing runs.

@@ -3,17 +3,18 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <vector>
 
 #include "client/service_end.h"
-#include "tests/support/message_bytes.h"
 
 namespace qora::client {
 namespace {
 
-using test::Bytes;
+using Bytes = std::vector<uint8_t>;
 
 // A client whose service does what the script says.
 struct PeerClient : CodecClient {
@@ -35,28 +36,35 @@ void expectError(int error, int32_t result) {
 }
 
 TEST(CodecClientTest, SendsTheBytesOfEachCommand) {
-  using service::CommandType, test::bytesOf, test::operator+;
-  const auto segment = [](CommandType type) {
-    return bytesOf(service::buildSegmentMessage(type, 0x01020304));
+  using namespace service;
+  const auto join = [](Bytes bytes, const auto& more) {
+    for (const uint8_t byte : more) bytes.push_back(byte);
+    return bytes;
   };
-  const service::AddStreamRequest add{service::kAnnexBFlag, 7, 2, 0x1122, 10, 40, 0x280, 0x168};
-  const service::EncodeRequest encode{7, 1, 99, {0, 256, 512}, {64, 32, 32}, 99};
-  const test::FrameHints hints{{{-2, 16, 32, 48, 64}, {}}, {{6, 1, 2, 3, 4, 5, 6}}, 1};
+  const AddStreamRequest add{kAnnexBFlag, 7, 2, 0x1122, 10, 40, 0x280, 0x168};
+  EncodeRequest encode{7, 1, 99, {0, 256, 512}, {64, 32, 32}, 99};  // lengths are the client's own
+  const std::vector<Rectangle> rectangles{{-2, 16, 32, 48, 64}, {}};
+  const std::vector<RegionCopy> copies{{6, 1, 2, 3, 4, 5, 6}};
   PeerClient client("echo");
   EXPECT_EQ(1, client.attachSegment(0x01020304));
   EXPECT_EQ(1, client.addStream(add));
-  EXPECT_EQ(1, client.encode(encode, hints.rectangles, hints.copies));
+  EXPECT_EQ(1, client.encode(encode, rectangles, copies));
   EXPECT_EQ(1, client.removeStream(7));
   EXPECT_EQ(1, client.removeSegment(0x01020304));
   EXPECT_EQ(1, client.encodeNothing());
   ASSERT_EQ(1, client.readReply(client.reply));
-  EXPECT_EQ(segment(CommandType::attachSegment) + bytesOf(service::buildAddStream(add)) +
-                test::encodeMessage(encode, hints),
+  encode.rectangleBytes = 24;
+  encode.copyBytes = 16;
+  std::array<uint8_t, 40> lists{};
+  buildRectangle(rectangles[0], &lists[0]);
+  buildRegionCopy(copies[0], &lists[24]);
+  const auto attach = buildSegmentMessage(CommandType::attachSegment, 0x01020304);
+  const auto remove = buildSegmentMessage(CommandType::removeSegment, 0x01020304);
+  EXPECT_EQ(join(join(join(join({}, attach), buildAddStream(add)), buildEncodeHead(encode)), lists),
             client.reply.frame);
   EXPECT_EQ(5u, encodeMilliseconds(client.reply.fields));  // across the clock's wrap
   ASSERT_EQ(1, client.readReply(client.reply));
-  EXPECT_EQ(bytesOf(service::buildRemoveStream(7)) + segment(CommandType::removeSegment) +
-                test::encodeMessage({}, {}),
+  EXPECT_EQ(join(join(join({}, buildRemoveStream(7)), remove), buildEncodeHead({})),
             client.reply.frame);
 }
 

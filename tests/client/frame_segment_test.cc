@@ -18,16 +18,14 @@ TEST(FrameSegmentTest, LaysPlanesOutOnCacheLines) {
   service::EncodeRequest request{};
   segment.place(1, request);
   const Picture picture = segment.picture(1);
-  const uint32_t luma = 256 * 50;
-  const uint32_t chroma = 128 * 25;
-  const uint32_t offset[] = {luma + 2 * chroma, 2 * luma + 2 * chroma, 2 * luma + 3 * chroma};
-  for (int plane = 0; plane < 3; ++plane) {
-    EXPECT_EQ(offset[plane], request.planeOffset[plane]);
-    EXPECT_EQ(offset[plane], picture.plane[plane] - segment.picture(0).plane[0]);
+  constexpr uint32_t kLuma = 256 * 50, kChroma = 128 * 25, kCell = kLuma + 2 * kChroma;
+  for (uint32_t plane = 0; plane < 3; ++plane) {
+    const uint32_t offset = kCell + (plane > 0 ? kLuma + (plane - 1) * kChroma : 0);
+    EXPECT_EQ(offset, request.planeOffset[plane]);
+    EXPECT_EQ(offset, picture.plane[plane] - segment.picture(0).plane[0]);
     EXPECT_EQ(plane == 0 ? 256u : 128u, request.planeStride[plane]);
-    EXPECT_EQ(plane == 0 ? 256 : 128, picture.stride[plane]);
   }
-  std::memset(picture.plane[2], 1, chroma);  // the last byte is still inside
+  std::memset(picture.plane[2], 1, kChroma);  // the last byte is still inside
 }
 
 TEST(FrameSegmentTest, IsGoneWithItsLastUser) {

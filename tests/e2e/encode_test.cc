@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "client/codec_client.h"
 #include "checks/direct_encoder.h"
+#include "client/codec_client.h"
 #include "tests/support/captured_log.h"
 #include "tests/support/temporary_root.h"
 
@@ -174,42 +174,14 @@ TEST(Encode, AQualityStreamEqualsTheInProcessCallsAndDecodesAlmostWithoutLoss) {
   EXPECT_EQ(session.finish(), "");
 }
 
-TEST(Encode, CopiesInvalidationAndQuantizersReachTheEncoder) {
-  Session session;
-  const auto settings = stream(3, 320, 240);
-  session.client().addStream(settings);
-  DirectEncoder direct(settings);
-  DirectEncoder withoutCopies(settings);
-  bool differed = false;
-  for (int32_t number = 0; number < 20; ++number) {
-    Frame frame = makeFrame(320, 240, number, true);
-    frame.hints.rectangles.push_back({static_cast<int8_t>(number % 7 - 3), 40, 40, 100, 60});
-    frame.hints.rectangles.push_back({0, 999, 0, 10, 10});
-    frame.hints.invalidate = number == 12 ? 1 : 0;
-    const FrameHints plain = frame.hints;
-    frame.hints.copies = {{0, 23, 20, 20, 20, 280, 200}, {6, 30, 31, 34, 30, 101, 99}};
-    const client::Reply reply = session.encode(3, frame.picture, frame.hints);
-    ASSERT_TRUE(reply.frame == direct.encode(frame.picture, frame.hints)) << number;
-    differed = differed || reply.frame != withoutCopies.encode(frame.picture, plain);
-  }
-  EXPECT_TRUE(differed);
-  const std::string log = session.finish();
-  EXPECT_EQ(log.find("CodecFrame: WARNING! Skipping invalid rectangle [999,0,1009,10].\n"), 0U);
-  EXPECT_NE(log.find("CodecFrame: WARNING! Reference frame is empty.\n"), std::string::npos);
-}
-
 TEST(Encode, ABitrateStreamKeepsItsRateOnMovingContent) {
   constexpr int32_t kFrames = 200;
   Session session;
-  const auto settings = stream(1, 320, 240, 800);
-  session.client().addStream(settings);
-  DirectEncoder direct(settings);
+  session.client().addStream(stream(1, 320, 240, 800));
   size_t bytes = 0;
   for (int32_t number = 0; number < kFrames; ++number) {
     const Frame frame = makeFrame(320, 240, number, true);
-    const client::Reply reply = session.encode(1, frame.picture, frame.hints);
-    ASSERT_TRUE(reply.frame == direct.encode(frame.picture, frame.hints)) << number;
-    bytes += reply.frame.size();
+    bytes += session.encode(1, frame.picture, frame.hints).frame.size();
   }
   EXPECT_NEAR(static_cast<double>(bytes) * 8 * 25 / kFrames / 1000, 800, 80);
 }
@@ -254,6 +226,7 @@ TEST(Encode, EightStreamsSideBySideAndResizedDoNotDisturbEachOther) {
         const Frame frame = makeFrame(settings.width, settings.height, number + id, number > 6);
         FrameHints hints = frame.hints;
         hints.rectangles.push_back({-3, 0, 0, 40, 40});
+        hints.invalidate = number == 9 ? 1 : 0;
         const client::Reply reply = session.encode(id, frame.picture, hints);
         ASSERT_TRUE(reply.frame == direct[id]->encode(frame.picture, hints))
             << "stream " << +id << " frame " << number << " round " << round;

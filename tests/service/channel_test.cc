@@ -62,32 +62,6 @@ TEST_F(Channel, CompletesAMessageAtTheEndOfTheBuffer) {
   }
 }
 
-TEST(CapacityFor, RoundsWhatAMessageNeeds) {
-  struct {
-    const char* what;
-    int32_t offset, size, bodyLength;
-    int64_t capacity;
-  } const cases[] = {
-      {"fits", 6, 65536, 65530, 65536},
-      {"one byte more", 6, 65537, 65531, 131072},
-      {"size counts though the body is short", 6, 70000, 2, 131072},
-      {"the offset counts", 65000, 600, 594, 131072},
-      {"end beyond size", 65006, 65537, 65531, 131072},
-      {"body alone, size negative", 65530, -1, 10, 131072},
-      {"a negative size asks for nothing", 6, INT32_MIN, 10, 65536},
-      {"one MiB", 6, 1048576, 1048570, 1048576},
-      {"one MiB and a byte", 6, 1048577, 1048571, 1114112},
-      {"the largest size there is", 6, INT32_MAX, INT32_MAX - 6, 2147483648},
-      {"the largest size behind held bytes", 70000, INT32_MAX, INT32_MAX - 6, 2147614720},
-  };
-  for (const auto& c : cases) {
-    ChannelState channel;
-    channel.capacity = 65536;
-    channel.offset = c.offset;
-    EXPECT_EQ(capacityFor(channel, c.size, c.bodyLength), c.capacity) << c.what;
-  }
-}
-
 TEST(ConsumeWritten, PassesOverWholeEntriesAndShortensTheNext) {
   uint8_t bytes[10];
   struct {

@@ -28,8 +28,6 @@ struct Script {
   Bytes payload = {7, 8, 9};
   x264_nal_t nal = {};
   x264_picture_t seen = {};
-  Bytes planes[2] = {Bytes(64 * 64, 1), Bytes(64 * 32, 2)};
-  bool reconstructs = true;
 } script;
 
 int32_t encode(x264_t*, x264_nal_t** nals, int32_t*, x264_picture_t* in, x264_picture_t* out) {
@@ -38,10 +36,6 @@ int32_t encode(x264_t*, x264_nal_t** nals, int32_t*, x264_picture_t* in, x264_pi
   script.nal.p_payload = script.payload.data();
   *nals = &script.nal;
   out->b_keyframe = 0x101;
-  for (int32_t plane = 0; plane < 2; ++plane) {
-    out->img.plane[plane] = script.reconstructs ? script.planes[plane].data() : nullptr;
-    out->img.i_stride[plane] = 64;
-  }
   return 3;
 }
 
@@ -83,15 +77,13 @@ class Handlers : public testing::Test {
     return call(addStream, buildAddStream({0, id, 1, bitrate, 0, 51, width, height}));
   }
   int32_t remove(uint8_t id) { return call(removeStream, buildRemoveStream(id)); }
-  // Encodes with the rectangle, unless it is null, and the copy likewise. Returns the reply.
-  Bytes encodeWith(const Rectangle* rectangle, const RegionCopy* copy, uint8_t invalidate = 0) {
+  // Encodes with the rectangle, unless it is null. Returns the reply.
+  Bytes encodeWith(const Rectangle* rectangle, uint8_t invalidate = 0) {
     const uint32_t r = rectangle == nullptr ? 0 : kRectangleSize;
-    const uint32_t k = copy == nullptr ? 0 : kRegionCopySize;
-    const auto head = buildEncodeHead({0, invalidate, r, {0, 4096, 5120}, {64, 32, 33}, k});
+    const auto head = buildEncodeHead({0, invalidate, r, {0, 4096, 5120}, {64, 32, 33}, 0});
     Bytes message(head.begin(), head.end());
-    message.resize(kEncodeFixedSize + r + k);
+    message.resize(kEncodeFixedSize + r);
     if (r != 0) buildRectangle(*rectangle, &message[kEncodeFixedSize]);
-    if (k != 0) buildRegionCopy(*copy, &message[kEncodeFixedSize + r]);
     EXPECT_EQ(call(encodeFrame, message), 3);
     Bytes reply(64);
     reply.resize(static_cast<size_t>(read(replies_[0], reply.data(), reply.size())));
@@ -110,7 +102,7 @@ TEST_F(Handlers, AddMakesASlotAndRemoveEmptiesIt) {
   } cases[] = {{1, 1, 1, 1}, {17, 33, 2, 3}, {0, 48, 0, 3}, {65535, 16, 4096, 1}};
   auto& stream = streamTable()[7];
   for (const auto& c : cases) {
-    stream.picture_out.img.plane[0] = script.planes[0].data();  // of an encoder long closed
+    stream.picture_out.img.plane[0] = script.payload.data();  // of an encoder long closed
     ASSERT_EQ(add(7, 0, c.width, c.height), 1);
     EXPECT_EQ(stream.mb_width * 10000 + stream.mb_height, c.columns * 10000 + c.rows);
     EXPECT_EQ(stream.picture.prop.mb_info, stream.mb_info_map);
@@ -139,7 +131,7 @@ TEST_F(Handlers, EncodeGivesTheEncoderPicturesAndMapsAndReplies) {
   ASSERT_EQ(add(0), 1);
   const auto& stream = streamTable()[0];
   const Rectangle first = {5, 8, 0, 16, 16}, later = {-2, 32, 0, 1, 1};
-  Bytes reply = encodeWith(&first, nullptr, 1);
+  Bytes reply = encodeWith(&first, 1);
   EXPECT_EQ(script.seen.img.plane[2] - script.seen.img.plane[0], 5120);
   EXPECT_EQ(script.seen.img.i_stride[1] * 100 + script.seen.img.i_stride[2], 3233);
   EXPECT_EQ(Bytes(stream.mb_info_map, stream.mb_info_map + 4), (Bytes{0, 0, 1, 1}));
@@ -149,37 +141,17 @@ TEST_F(Handlers, EncodeGivesTheEncoderPicturesAndMapsAndReplies) {
             (Bytes{20, 0, 0, 0, 5, 1, 0x1F, 0, 3, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 7, 8, 9}));
   // Without rectangles both maps stay; with others the quantizers stay where nothing covers them.
   encoderApi().x264_encoder_get_last_quantizer = nullptr;
-  EXPECT_EQ(encodeWith(nullptr, nullptr, 2)[6], 255);
+  EXPECT_EQ(encodeWith(nullptr, 2)[6], 255);
   EXPECT_EQ(stream.mb_info_map[0], 0);
   ASSERT_EQ(add(1, 1), 1);  // the stream added last decides how offsets are taken in all of them
-  encodeWith(&later, nullptr);
+  encodeWith(&later);
   EXPECT_EQ(stream.mb_info_map[0], 1);
   EXPECT_EQ(stream.quant_offsets_map[0] * 100 + stream.quant_offsets_map[2], 398.0F);
   ASSERT_EQ(add(2, 0), 1);
-  encodeWith(&later, nullptr);
+  encodeWith(&later);
   EXPECT_EQ(stream.quant_offsets_map[2], -3.0F);
   EXPECT_EQ(stream.frame_count, 4U);
   EXPECT_EQ(script.calls, "invalidate0 encode encode encode encode ");
-}
-
-TEST_F(Handlers, CopiesNeedAReferenceAndAReconstruction) {
-  ASSERT_EQ(add(0), 1);
-  const RegionCopy move = {0, 0, 0, 8, 8, 4, 1};
-  const Rectangle some = {0, 0, 0, 16, 16};
-  encodeWith(&some, &move);
-  script.planes[0][0] = script.planes[1][0] = 42;
-  encodeWith(nullptr, &move);
-  EXPECT_EQ(script.planes[0][8 * 64 + 8], 1);
-  encodeWith(&some, &move);
-  EXPECT_EQ(script.planes[0][8 * 64 + 8], 42);
-  EXPECT_EQ(script.planes[1][4 * 64 + 8], 2);  // one luma row is half a chroma row
-  script.reconstructs = false;
-  encodeWith(&some, &move);
-  EXPECT_EQ(log_.withoutPrefixes(),
-            "CodecFrame: WARNING! Reference frame is empty.\n"
-            "CodecFrame: WARNING! Cannot update maps with no rectangle.\n"
-            "CodecFrame: WARNING! Reference frame is empty.\n"
-            "CodecFrame: WARNING! Reconstructed frame is empty.\n");
 }
 
 }  // namespace
