@@ -3,7 +3,8 @@
 # filter      the service works as ever under its system call filter, and the filter refuses
 # bubblewrap  the service, unchanged, works in a sandbox without network and with read-only files,
 #             with and without the filter
-# calls       once started, the service makes no system call that docs/sandbox.md does not list
+# calls       once started, the service makes no system call that docs/sandbox.md does not list, and
+#             for a frame of its own no more than a read and a writev
 # Ends with 77 behind a reason when the machine does not let it be tried.
 set -euo pipefail
 mode=$1
@@ -112,6 +113,13 @@ calls)
   sed -n 's/^| `\([a-z0-9_]*\)` | .*/\1/p' "$root/docs/sandbox.md" | sort -u >"$folder/allowed"
   grep -o 'SCMP_SYS([a-z0-9_]*)' "$root/sandbox/call_filter.cc" | sed 's/.*(\(.*\))/\1/' | sort -u \
     >"$folder/filtered"
+
+  # Two streams of twelve frames: one gathered write each, and at most one read; beside the frames
+  # there are the commands that begin and end a session, and the end of input.
+  for trace in "$folder"/trace.[0-9]*; do
+    [[ $(grep -c 'writev(1,' "$trace") -eq 24 ]] || fail "not one writev a frame: $trace"
+    [[ $(grep -c 'read(0,' "$trace") -le $((24 + 8)) ]] || fail "more than one read a frame: $trace"
+  done
 
   for call in read writev shmat shmdt exit_group; do
     grep -qx "$call" "$folder/made" || fail "the trace has no $call"
