@@ -26,10 +26,11 @@ using encoder::EncoderStream;
   fatalOperation("add", "frame", "A");
 }
 
-// Both lists end exactly where the message does. In 64 bits: no pair of lengths can wrap round.
+// Both lists end exactly where the message of `size` bytes does, the fixed part and more. In 64
+// bits: no pair of lengths can wrap round.
 bool listsFillMessage(const EncodeRequest& request, int32_t size) {
-  return size >= kEncodeFixedSize && uint64_t{request.rectangleBytes} + request.copyBytes ==
-                                         static_cast<uint64_t>(size - kEncodeFixedSize);
+  return uint64_t{request.rectangleBytes} + request.copyBytes ==
+         static_cast<uint64_t>(size - kEncodeFixedSize);
 }
 
 // The stream that may encode; null after a log line.
