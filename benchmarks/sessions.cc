@@ -233,9 +233,9 @@ void PipedProcess::read(test::Bytes& bytes) {
 }
 
 ScriptedPair::ScriptedPair(int32_t rectangles, int32_t replyBytes)
-    : root_({std::pair<std::string, std::string>("lib/libx264.so", FAKE_ENCODER_LIBRARY)}),
-      service_(SERVICE, {"QORA_SYSTEM=" + root_.path(),
-                         "FAKE_ENCODER=encode=" + std::to_string(replyBytes)}),
+    : root_({std::pair<std::string, std::string>("lib/libx264.so", INSTANT_ENCODER)}),
+      service_(SERVICE,
+               {"QORA_SYSTEM=" + root_.path(), "INSTANT_BYTES=" + std::to_string(replyBytes)}),
       echo_(ECHO, {"QORA_ECHO=" + std::to_string(scriptedMessage(rectangles).size()) + "," +
                    std::to_string(service::kReplyHeadSize + replyBytes)}),
       memory_(nullptr, [](uint8_t* memory) { shmdt(memory); }),

@@ -65,6 +65,13 @@ void fillRange(const MacroblockRange& range, float value, MacroblockMaps& maps) 
   }
 }
 
+int32_t applyRectangle(const Rectangle& rectangle, int32_t bitrateMode, MacroblockMaps& maps) {
+  MacroblockRange range;
+  if (coverRectangle(rectangle, maps, range) == 0) return 0;
+  fillRange(range, quantizerValue(rectangle.quantizerOffset, bitrateMode), maps);
+  return 1;
+}
+
 void fillRangePlainly(const MacroblockRange& range, float value, MacroblockMaps& maps) {
   for (int32_t row = 0; row < range.rows; ++row) {
     for (int32_t column = 0; column < range.columns; ++column) {
