@@ -158,7 +158,8 @@ void drawPicture(const client::Picture& picture) {
     for (int32_t y = 0; y < planeHeight(picture, plane); ++y) {
       uint8_t* row = picture.plane[plane] + static_cast<int64_t>(y) * picture.stride[plane];
       for (int32_t x = 0; x < planeWidth(picture, plane); ++x) {
-        row[x] = plane == 0 ? inkAt(x, y, 0) : static_cast<uint8_t>(124 + 4 * plane);
+        const bool written = plane == 0 && (x / 480 + y / 270) % 3 == 0;
+        row[x] = written ? inkAt(x, y, 0) : static_cast<uint8_t>(36 + 44 * plane);
       }
     }
   }
@@ -233,9 +234,9 @@ void PipedProcess::read(test::Bytes& bytes) {
 }
 
 ScriptedPair::ScriptedPair(int32_t rectangles, int32_t replyBytes)
-    : root_({std::pair<std::string, std::string>("lib/libx264.so", FAKE_ENCODER_LIBRARY)}),
-      service_(SERVICE, {"QORA_SYSTEM=" + root_.path(),
-                         "FAKE_ENCODER=encode=" + std::to_string(replyBytes)}),
+    : root_({std::pair<std::string, std::string>("lib/libx264.so", INSTANT_ENCODER)}),
+      service_(SERVICE,
+               {"QORA_SYSTEM=" + root_.path(), "INSTANT_BYTES=" + std::to_string(replyBytes)}),
       echo_(ECHO, {"QORA_ECHO=" + std::to_string(scriptedMessage(rectangles).size()) + "," +
                    std::to_string(service::kReplyHeadSize + replyBytes)}),
       memory_(nullptr, [](uint8_t* memory) { shmdt(memory); }),

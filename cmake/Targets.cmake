@@ -10,6 +10,8 @@ target_include_directories(qora_warnings INTERFACE ${PROJECT_SOURCE_DIR})
 add_library(qora_product INTERFACE)
 target_link_libraries(qora_product INTERFACE qora_warnings)
 target_compile_options(qora_product INTERFACE -fno-exceptions -fno-rtti -fstack-protector-strong)
+# Nobody replaces our functions at run time, so one may be inlined into its neighbours.
+target_compile_options(qora_product INTERFACE -fno-semantic-interposition)
 if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64")
   target_compile_options(qora_product INTERFACE -fcf-protection)
 endif()

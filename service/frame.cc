@@ -62,15 +62,10 @@ int32_t pointPicture(const EncodeRequest& request, EncoderStream& stream) {
   return 1;
 }
 
-void applyRectangle(const Rectangle& rectangle, MacroblockMaps& maps) {
-  MacroblockRange range;
-  if (coverRectangle(rectangle, maps, range) == 0) {
-    logStream() << "CodecFrame: WARNING! Skipping invalid rectangle [" << rectangle.x << ","
-                << rectangle.y << "," << rectangle.x + rectangle.width << ","
-                << rectangle.y + rectangle.height << "].\n";
-    return;
-  }
-  fillRange(range, quantizerValue(rectangle.quantizerOffset, encoder::bitrateMode()), maps);
+void warnOfSkipped(const Rectangle& rectangle) {
+  logStream() << "CodecFrame: WARNING! Skipping invalid rectangle [" << rectangle.x << ","
+              << rectangle.y << "," << rectangle.x + rectangle.width << ","
+              << rectangle.y + rectangle.height << "].\n";
 }
 
 int32_t updateMaps(const uint8_t* rectangles, uint32_t length, EncoderStream& stream) {
@@ -86,9 +81,11 @@ int32_t updateMaps(const uint8_t* rectangles, uint32_t length, EncoderStream& st
   }
   MacroblockMaps maps = {stream.mb_width, stream.mb_height, stream.mb_info_map,
                          stream.quant_offsets_map};
+  const int32_t bitrateMode = encoder::bitrateMode();
   markAllUnchanged(maps);
   for (uint32_t at = 0; at < length; at += kRectangleSize) {
-    applyRectangle(parseRectangle(rectangles + at), maps);
+    const Rectangle rectangle = parseRectangle(rectangles + at);
+    if (applyRectangle(rectangle, bitrateMode, maps) == 0) warnOfSkipped(rectangle);
   }
   return 1;
 }

@@ -1,5 +1,6 @@
 #include "service/macroblock_maps.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
 
@@ -21,7 +22,7 @@ int32_t clip(int32_t start, int32_t limit, int32_t& count) {
 
 // Four cells a store and eight stores a round: with one a round it takes twice as long as memset.
 // `count` of 0 or less: nothing.
-void fillFloats(float* cells, int32_t count, float value) {
+void fillRun(float* cells, int32_t count, float value) {
   using FourFloats = float __attribute__((vector_size(16)));
   constexpr int32_t kRound = 32;
   const FourFloats four = {value, value, value, value};
@@ -30,6 +31,17 @@ void fillFloats(float* cells, int32_t count, float value) {
   }
   for (; count >= 4; count -= 4, cells += 4) memcpy(cells, &four, sizeof four);
   for (; count > 0; --count) *cells++ = value;
+}
+
+// A long run is its own beginning, copied: memcpy has wider stores than we may count on.
+void fillFloats(float* cells, int32_t count, float value) {
+  constexpr int32_t kPattern = 256;
+  const int32_t pattern = count < 2 * kPattern ? count : kPattern;
+  fillRun(cells, pattern, value);
+  for (int32_t done = pattern; done < count; done += kPattern) {
+    const int32_t copied = std::min(kPattern, count - done);
+    memcpy(cells + done, cells, static_cast<size_t>(copied) * sizeof(float));
+  }
 }
 
 size_t cellIndex(const MacroblockRange& range, int32_t row, const MacroblockMaps& maps) {
@@ -58,11 +70,22 @@ void markAllUnchanged(MacroblockMaps& maps) {
 }
 
 void fillRange(const MacroblockRange& range, float value, MacroblockMaps& maps) {
-  for (int32_t row = 0; row < range.rows; ++row) {
+  // Rows from edge to edge are one long row.
+  const bool wide = range.columns == maps.columns && range.rows > 0;
+  const int32_t columns = wide ? range.columns * range.rows : range.columns;
+  const int32_t rows = wide ? 1 : range.rows;
+  for (int32_t row = 0; row < rows; ++row) {
     const size_t cell = cellIndex(range, row, maps);
-    memset(maps.info + cell, 0, static_cast<size_t>(range.columns));
-    fillFloats(maps.quantizer + cell, range.columns, value);
+    memset(maps.info + cell, 0, static_cast<size_t>(columns));
+    fillFloats(maps.quantizer + cell, columns, value);
   }
+}
+
+int32_t applyRectangle(const Rectangle& rectangle, int32_t bitrateMode, MacroblockMaps& maps) {
+  MacroblockRange range;
+  if (coverRectangle(rectangle, maps, range) == 0) return 0;
+  fillRange(range, quantizerValue(rectangle.quantizerOffset, bitrateMode), maps);
+  return 1;
 }
 
 void fillRangePlainly(const MacroblockRange& range, float value, MacroblockMaps& maps) {

@@ -32,6 +32,10 @@ void markAllUnchanged(MacroblockMaps& maps);
 // Marks a range changed and gives it a quantizer offset.
 void fillRange(const MacroblockRange& range, float value, MacroblockMaps& maps);
 
+// All of the above for one rectangle: marks what it touches and gives it its quantizer offset. 1; 0
+// when the rectangle lies outside and was skipped.
+int32_t applyRectangle(const Rectangle& rectangle, int32_t bitrateMode, MacroblockMaps& maps);
+
 // One cell at a time; fillRange() gives the same. Kept to be compared with.
 void fillRangePlainly(const MacroblockRange& range, float value, MacroblockMaps& maps);
 

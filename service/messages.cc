@@ -1,7 +1,5 @@
 #include "service/messages.h"
 
-#include "service/byte_order.h"
-
 namespace qora::service {
 namespace {
 
@@ -46,14 +44,6 @@ EncodeRequest parseEncodeRequest(const uint8_t* message) {
           .planeOffset = {u32(message + 16), u32(message + 24), u32(message + 32)},
           .planeStride = {u32(message + 20), u32(message + 28), u32(message + 36)},
           .copyBytes = u32(message + 40)};
-}
-
-Rectangle parseRectangle(const uint8_t* entry) {
-  return {.quantizerOffset = static_cast<int8_t>(entry[0]),
-          .x = u16(entry + 4),
-          .y = u16(entry + 6),
-          .width = u16(entry + 8),
-          .height = u16(entry + 10)};
 }
 
 RegionCopy parseRegionCopy(const uint8_t* entry) {

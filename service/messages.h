@@ -9,6 +9,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "service/byte_order.h"
+
 namespace qora::service {
 
 enum class CommandType : uint8_t {
@@ -79,7 +81,14 @@ struct ReplyFields {
 
 AddStreamRequest parseAddStream(const uint8_t* message);
 EncodeRequest parseEncodeRequest(const uint8_t* message);
-Rectangle parseRectangle(const uint8_t* entry);
+// Inline: a list has thousands of them.
+inline Rectangle parseRectangle(const uint8_t* entry) {
+  return {.quantizerOffset = static_cast<int8_t>(entry[0]),
+          .x = readUint16(entry + 4, 0),
+          .y = readUint16(entry + 6, 0),
+          .width = readUint16(entry + 8, 0),
+          .height = readUint16(entry + 10, 0)};
+}
 RegionCopy parseRegionCopy(const uint8_t* entry);
 ReplyFields parseReplyHead(const uint8_t* head);
 

@@ -45,25 +45,33 @@ TEST(QuantizerValue, IsOneFinerOutsideBitrateMode) {
   EXPECT_EQ(quantizerValue(-128, 0), -129.0F);
 }
 
+// A map of 24 rows.
+void expectThePlainFill(int32_t mapColumns, const MacroblockRange& range) {
+  SCOPED_TRACE(testing::Message() << range.column << "+" << range.columns << " of " << mapColumns
+                                  << ", " << range.rows << " rows");
+  const size_t cells = static_cast<size_t>(mapColumns) * 24;
+  std::vector<uint8_t> info[2];
+  std::vector<float> quantizer[2];
+  for (int32_t plain = 0; plain < 2; ++plain) {
+    info[plain].assign(cells, 9);
+    quantizer[plain].assign(cells, 9.0F);
+    MacroblockMaps maps = {mapColumns, 24, info[plain].data(), quantizer[plain].data()};
+    markAllUnchanged(maps);
+    (plain == 1 ? fillRangePlainly : fillRange)(range, -2.5F, maps);
+  }
+  ASSERT_EQ(info[0], info[1]);
+  ASSERT_EQ(quantizer[0], quantizer[1]);
+  ASSERT_EQ(info[0][mapColumns + range.column], range.columns > 0 ? 0 : 1);
+}
+
 TEST(FillRange, EqualsThePlainFillAtEveryPlaceAndWidth) {
-  constexpr int32_t kColumns = 37;
-  constexpr int32_t kRows = 3;
-  for (int32_t column = 0; column < kColumns; ++column) {
-    for (int32_t columns = 0; column + columns <= kColumns; ++columns) {
-      std::vector<uint8_t> info[2];
-      std::vector<float> quantizer[2];
-      for (int32_t plain = 0; plain < 2; ++plain) {
-        info[plain].assign(kColumns * kRows, 9);
-        quantizer[plain].assign(kColumns * kRows, 9.0F);
-        MacroblockMaps maps = {kColumns, kRows, info[plain].data(), quantizer[plain].data()};
-        markAllUnchanged(maps);
-        (plain == 1 ? fillRangePlainly : fillRange)({column, 1, columns, 2}, -2.5F, maps);
-      }
-      ASSERT_EQ(info[0], info[1]) << column << "+" << columns;
-      ASSERT_EQ(quantizer[0], quantizer[1]) << column << "+" << columns;
-      ASSERT_EQ(info[0][kColumns + column], columns > 0 ? 0 : 1);
+  for (int32_t column = 0; column < 37; ++column) {
+    for (int32_t columns = 0; column + columns <= 37; ++columns) {
+      expectThePlainFill(37, {column, 1, columns, 2});
     }
   }
+  // From edge to edge rows are filled as one: around one and two patterns of a long run.
+  for (int32_t rows = 1; rows < 22; ++rows) expectThePlainFill(79, {0, 1, 79, rows});
 }
 
 }  // namespace
