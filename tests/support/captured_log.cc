@@ -16,6 +16,12 @@ std::string CapturedLog::withoutPrefixes() const {
   return stripTimePrefixes(buffer_.str());
 }
 
+std::string CapturedLog::take() {
+  std::string text = buffer_.str();
+  buffer_.str("");
+  return text;
+}
+
 std::string stripTimePrefixes(const std::string& text) {
   std::string out;
   std::istringstream lines(text);

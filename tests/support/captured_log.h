@@ -18,6 +18,8 @@ class CapturedLog {
   // All that was written so far, as it is, and the same line by line behind each time prefix.
   std::string text() const { return buffer_.str(); }
   std::string withoutPrefixes() const;
+  // The same as text(), which begins anew.
+  std::string take();
 
  private:
   std::stringbuf buffer_;

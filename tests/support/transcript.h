@@ -1,79 +1,176 @@
-// tests/support/transcript.h -- Calls and what they gave, held against a file.
+// tests/support/transcript.h -- A file of calls and what each of them gave.
 //
-//     Transcript told("tests/base/file.transcript");
-//     TELL(told, file::exists(nullptr, "/nowhere"));
+//     Transcript told("tests/base/socket.transcript");
+//     ADD_OPERATIONS(told, setNoDelay, setCork);
+//     told.add("close", [](int32_t fd) { return ::close(fd); });
+//     told.run();
 //
-// For each call the transcript has the expression, its result (with the name of errno when the
-// result is -1 or null and errno was set), and behind "| " each line that reached the log. When the
-// transcript ends it must equal the file; QORA_WRITE_TRANSCRIPTS=1 writes the file instead.
+// In the file:
+//     # a comment
+//     setNoDelay -1 1 -> -1 EBADF
+//     | Socket: ERROR! Can't set no-delay mode on FD#-1 to 1. Error is 9 'Bad file descriptor'.
+//     > Error: Can't set no-delay mode on FD#-1 to 1. Error is 9 'Bad file descriptor'.
+//
+// run() makes each call, of which a line has the operation and its arguments, and writes down anew
+// what comes behind: the result, with the name of errno when it looks like a failure (-1, 0, null,
+// or none at all); the variables that the call was given to change; and the lines that reached
+// std::clog, behind "| " those with the log stream's time prefix, which is checked and left out,
+// behind "> " all others; an unfinished one says so, and whether std::clog went bad. The outcome
+// must equal the file. QORA_WRITE_TRANSCRIPTS=1 writes the file: a new case is a line with a call.
+// The file is what we want, not what we got: read it again before it is committed.
+//
+// Arguments are numbers, texts in quotes with C's escapes ("x"*1000 repeats one), null, names of
+// constants, or else variables: a slot where a text is asked for, a number where one is. A variable
+// that may change is shown behind the result, a slot without "=" when it has the same array and
+// text as before. What is left out at the end is 0 or null.
+//
+// From a line "child" to "end" the calls are made in a child of the process. "nobody" is a child
+// that has no rights, "root" one that has them all and is skipped for want of these, "unsanitized"
+// one that the address and the thread sanitizer skip.
 #pragma once
 
 #include <cerrno>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <ostream>
 #include <string>
+#include <string_view>
+#include <tuple>
 #include <type_traits>
 #include <utility>
 #include <vector>
 
 #include "tests/support/captured_log.h"
 
-#define TELL(transcript, expression) (transcript).tell(#expression, [&] { return expression; })
+// Adds functions and lambdas, each under the last name in its text: f, a::f, wrapped(&A::f) as "f".
+#define ADD_OPERATIONS(transcript, ...) (transcript).addAll(#__VA_ARGS__, __VA_ARGS__)
 
 namespace qora::test {
 
 class Transcript {
  public:
-  explicit Transcript(const char* file) : file_(file) {}
+  explicit Transcript(std::string file, std::map<std::string, int64_t> constants = {})
+      : file_(std::move(file)), constants_(std::move(constants)) {}
   ~Transcript();
   Transcript(const Transcript&) = delete;
   Transcript& operator=(const Transcript&) = delete;
 
-  // From now on `text` reads `name`: for what differs from run to run.
-  void hide(const std::string& text, const std::string& name) { hidden_.emplace_back(text, name); }
-  void heading(const std::string& text) { text_ += "# " + text + "\n"; }
-
-  template <typename Call>
-  auto tell(const char* expression, Call call) {
-    CapturedLog log;
-    errno = 0;
-    if constexpr (std::is_void_v<decltype(call())>) {
-      call();
-      write(expression, "", false, log.withoutPrefixes());
-    } else {
-      const auto result = call();
-      const int error = errno;
-      write(expression, textOf(result), error != 0 && isFailure(result), log.withoutPrefixes(),
-            error);
-      return result;
-    }
+  template <typename Callable>
+  void add(const std::string& name, const Callable& callable) {
+    addOperation(name, bind(std::function(callable)));
   }
+  template <typename... Callables>
+  void addAll(std::string_view names, const Callables&... callables) {
+    (add(nextName(names), callables), ...);
+  }
+  // In the whole transcript `text` reads `name`: for what differs from run to run.
+  void hide(const std::string& text, const std::string& name) { hidden_.emplace_back(text, name); }
+  void run();
 
  private:
-  static std::string textOf(const char* value) {
-    return value == nullptr ? "null" : '"' + std::string(value) + '"';
+  struct Word {
+    std::string text;
+    bool quoted;
+  };
+  struct Shown {  // a variable, and the array and text of a slot before the call
+    std::string name;
+    const char* array;
+    std::string text;
+  };
+
+  using Operation = std::function<void(Transcript&)>;
+
+  void addOperation(const std::string& name, Operation operation);
+  static std::string nextName(std::string_view& names);
+  template <typename Result, typename... Parameters>
+  static Operation bind(std::function<Result(Parameters...)> function) {
+    return [function](Transcript& told) {
+      std::tuple<Parameters...> arguments{told.argument<Parameters>()...};
+      errno = 0;
+      if constexpr (std::is_void_v<Result>) {
+        std::apply(function, arguments);
+        told.writeResult("", errno);
+      } else {
+        Result result = std::apply(function, arguments);
+        const int error = errno;
+        told.writeResult(' ' + textOf(result), looksFailed(result) ? error : 0);
+      }
+    };
   }
-  static std::string textOf(const std::string& value) { return '"' + value + '"'; }
+
+  template <typename Parameter>
+  Parameter argument() {
+    const Word word = nextWord();
+    if constexpr (std::is_same_v<Parameter, char*&> || std::is_same_v<Parameter, char*>)
+      return slotToChange(word);
+    else if constexpr (std::is_same_v<Parameter, int32_t&>)
+      return numberToChange(word);
+    else if constexpr (std::is_same_v<Parameter, int32_t*>)
+      return &numberToChange(word);
+    else if constexpr (std::is_same_v<Parameter, const char*>)
+      return textOf(word);
+    else if constexpr (std::is_pointer_v<Parameter>)
+      return reinterpret_cast<Parameter>(numberOf(word));
+    else
+      return static_cast<Parameter>(numberOf(word));
+  }
+  Word nextWord() { return next_ < words_.size() ? words_[next_++] : Word{"null", false}; }
+  char*& slotToChange(const Word& word);
+  int32_t& numberToChange(const Word& word);
+  const char* textOf(const Word& word);
+  int64_t numberOf(const Word& word);
+
   template <typename Value>
-  static std::string textOf(Value value) {
-    if constexpr (std::is_pointer_v<Value>)
+  static std::string textOf(const Value& value) {
+    if constexpr (requires { value.get(); })  // an owner: what it owns
+      return textOf(value.get());
+    else if constexpr (std::is_convertible_v<const Value*, const std::ostream*>)
+      return value.good() ? "good" : value.bad() ? "bad" : "fail";
+    else if constexpr (std::is_convertible_v<Value, const char*>)
+      return value == nullptr ? "null" : quoted(value);
+    else if constexpr (std::is_convertible_v<Value, std::string>)
+      return quoted(value);
+    else if constexpr (std::is_pointer_v<Value>)
       return value == nullptr ? "null" : "not null";
     else
       return std::to_string(value);
   }
   template <typename Value>
-  static bool isFailure(const Value& value) {
-    if constexpr (std::is_pointer_v<Value>)
+  static bool looksFailed(const Value& value) {
+    if constexpr (std::is_pointer_v<Value> || requires { value.get(); })
       return value == nullptr;
-    else if constexpr (std::is_arithmetic_v<Value>)
-      return value == static_cast<Value>(-1);
+    else if constexpr (std::is_convertible_v<const Value*, const std::ostream*>)
+      return !value.good();
+    else if constexpr (std::is_arithmetic_v<Value> && !std::is_same_v<Value, bool>)
+      return value == 0 || value == static_cast<Value>(-1);
     else
       return false;
   }
-  void write(const char* expression, const std::string& result, bool failed, const std::string& log,
-             int error = 0);
+  static std::string quoted(std::string_view text);
+
+  void runLines(size_t end);
+  void runChild(size_t end, bool drop);
+  void call(const std::string& line);
+  void writeResult(const std::string& result, int error);
+  void writeLog();
+  void hideAll();
 
   const std::string file_;
+  const std::map<std::string, int64_t> constants_;
+  std::map<std::string, Operation> operations_;
   std::vector<std::pair<std::string, std::string>> hidden_;
-  std::string text_;
+  std::map<std::string, char*> slots_;
+  std::map<std::string, int32_t> numbers_;
+
+  std::vector<std::string> lines_;  // of the file
+  size_t line_ = 0;                 // the one to read next
+  std::vector<Word> words_;         // of the present call
+  size_t next_ = 0;
+  std::vector<Shown> shown_;  // what it is given to change
+  CapturedLog log_;
+  std::string text_;  // what came out so far
 };
 
 }  // namespace qora::test

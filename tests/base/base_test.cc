@@ -1,0 +1,494 @@
+// What the transcripts of base/ can call: its operations under their own names, and what sets the
+// scene for them; and the tests that no transcript can show.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <link.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <iostream>
+#include <regex>
+#include <thread>
+
+#include "base/error_reports.h"
+#include "base/file.h"
+#include "base/library.h"
+#include "base/mutex.h"
+#include "base/process.h"
+#include "base/signal.h"
+#include "base/string.h"
+#include "tests/support/temporary_root.h"
+#include "tests/support/transcript.h"
+
+static int32_t failingOpens = 0;
+static bool mutexTypesAreRefused = false;
+
+// Both stand in front of the C library's, so that opening a log file and making a mutex can fail.
+extern "C" FILE* fopen64(const char* path, const char* mode) {
+  if (failingOpens > 0) return --failingOpens, errno = EMFILE, nullptr;
+  return reinterpret_cast<decltype(&fopen64)>(dlsym(RTLD_NEXT, "fopen64"))(path, mode);
+}
+extern "C" int pthread_mutexattr_settype(pthread_mutexattr_t* attributes, int type) noexcept {
+  if (mutexTypesAreRefused) return ENOMEM;
+  const auto original = dlsym(RTLD_NEXT, "pthread_mutexattr_settype");
+  return reinterpret_cast<decltype(&pthread_mutexattr_settype)>(original)(attributes, type);
+}
+
+namespace qora {
+namespace {
+
+using test::Transcript;
+using Text = const char*;
+using Stream = std::ostream;
+
+// One of an operation's forms, by its type.
+template <typename Function>
+using Form = Function*;
+
+// An operation that gives its caller an array.
+template <typename... Parameters>
+auto owned(char* (*function)(Parameters...)) {
+  return [function](Parameters... parameters) {
+    return std::unique_ptr<char[]>(function(parameters...));
+  };
+}
+
+// The words between the separators, null behind the last.
+std::vector<Text> split(std::string& text, Text separators) {
+  std::vector<Text> words;
+  for (char* rest = text.data(); words.empty() || words.back() != nullptr; rest = nullptr) {
+    words.push_back(strtok(rest, separators));
+  }
+  return words;
+}
+
+// Gives the descriptor a number that a transcript may show.
+int32_t put(int32_t number, int32_t fd) {
+  if (fd < 0) return fd;
+  ::dup3(fd, number, ::fcntl(fd, F_GETFD) == FD_CLOEXEC ? O_CLOEXEC : 0);
+  ::close(fd);
+  return number;
+}
+
+auto putPair(int32_t (*create)(int32_t (&)[2], int32_t)) {
+  return [create](int32_t& first, int32_t& second, int32_t size) {
+    int32_t ends[2] = {-2, -2};
+    const int32_t result = create(ends, size);
+    first = put(64, ends[0]);
+    second = put(65, ends[1]);
+    return result;
+  };
+}
+
+void limit(int32_t resource, int32_t most) {
+  const rlimit both = {static_cast<rlim_t>(most), static_cast<rlim_t>(most)};
+  ::setrlimit(static_cast<__rlimit_resource>(resource), &both);
+}
+
+// From now on the system call fails with EPERM in this process.
+void refuse(uint32_t call) {
+  sock_filter program[] = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+                           BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, call, 0, 1),
+                           BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM),
+                           BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
+  const sock_fprog filter = {std::size(program), program};
+  ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
+  ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter);
+}
+
+// --- logger, error reports, mutex ---
+
+// An accessor with a text behind its prefix, and the process's logger: a method, a field.
+template <Stream& (*accessor)()>
+Stream& line(Text text) {
+  return accessor() << text;
+}
+template <typename Result, typename... Parameters>
+auto on(Result (Logger::*method)(Parameters...)) {
+  return [method](Parameters... parameters) { return (logger().*method)(parameters...); };
+}
+auto field(int32_t Logger::*member) {
+  return [member](int32_t value) { logger().*member = value; };
+}
+
+// A new logger takes what std::clog writes to for standard error.
+void renewLogger() {
+  std::destroy_at(&logger());
+  std::construct_at(&logger());
+}
+
+Stream* streamTo(Text path) {
+  return path != nullptr ? new std::ofstream(path) : &std::clog;
+}
+
+std::string contents(Text path) {
+  std::ifstream file(path);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void addLogger(Transcript& told) {
+  static Stream* held;
+  ADD_OPERATIONS(told, line<logStream>, line<errorStream>, line<warningStream>, line<infoStream>,
+                 line<sessionStream>, line<plainErrorStream>, line<plainLogStream>,
+                 line<standardErrorLog>, line<standardErrorError>, line<standardErrorPlain>,
+                 on(&Logger::flushAll), on(&Logger::logText), on(&Logger::setLogFile),
+                 on(&Logger::setErrorFile), on(&Logger::setThirdFile), on(&Logger::truncateLogFile),
+                 on(&Logger::truncateErrorFile), on(&Logger::truncateThirdFile),
+                 field(&Logger::mode), field(&Logger::writeText), field(&Logger::configurable),
+                 field(&Logger::buffered), errorText, errorName, contents, renewLogger);
+  told.add("setLogStream", [](Text path) { return logger().setLogStream(streamTo(path)); });
+  told.add("setErrorStream", [](Text path) { return logger().setErrorStream(streamTo(path)); });
+  told.add("setThirdStream", [](Text path) { return logger().setThirdStream(streamTo(path)); });
+  told.add("third", [](Text text) -> Stream& { return *logger().third.stream << text; });
+  told.add("clog", [](Text text) -> Stream& { return std::clog << text; });
+  told.add("hex", [] { std::clog << std::hex; });
+  told.add("logNumber", [](int32_t number) { logStream() << number << '\n'; });
+  told.add("plainNumber", [](int32_t number) { std::clog << number << '\n'; });
+  told.add("hold", [] { held = logger().log.stream; });
+  told.add("held", [](Text text) -> Stream& { return *held << text; });
+  told.add("heldIsRetired", [] { return held == logger().log.retired; });
+  told.add("logFileName", [] { return logger().log.fileName; });
+  told.add("errorFileName", [] { return logger().error.fileName; });
+  told.add("failOpens", [](int32_t number) { failingOpens = number; });
+  told.add("lastErrorName", [](int32_t error) { return errno = error, lastErrorName(); });
+  told.add("lastErrorText", [](int32_t error) { return errno = error, lastErrorText(); });
+}
+
+void addReports(Transcript& told) {
+  told.add("reportBadNumber", Form<void(Text, int32_t, Text, Text)>(reportBadValue));
+  told.add("reportBadAddress", Form<void(Text, const void*, Text, Text)>(reportBadValue));
+  told.add("reportBadText", Form<void(Text, Text, Text, Text)>(reportBadValue));
+  told.add("reportNoSuch", Form<void(Text, Text, Text)>(reportNotImplemented));
+  told.add("reportNoSuchNumber", Form<void(Text, int32_t, Text, Text)>(reportNotImplemented));
+  told.add("reportNoSuchAddress", Form<void(Text, const void*, Text, Text)>(reportNotImplemented));
+  ADD_OPERATIONS(told, reportBadValueForType, reportBadPointer, reportNotPermitted,
+                 reportAllocationFailed, reportInvalidState, reportBadDescriptorState,
+                 reportBufferNotFound, reportInvalidBufferOwner, reportBadEvent,
+                 reportInvalidOperationForType, reportInvalidOperationForProto);
+}
+
+pthread_mutex_t theMutex = PTHREAD_MUTEX_INITIALIZER;  // not recursive
+
+void addMutex(Transcript& told) {
+  const auto lock = [](int32_t timeout) { return mutex::lockMutexTimed(&theMutex, timeout); };
+  const auto unlock = [] { return pthread_mutex_unlock(&theMutex); };
+  // In another thread: the result of the unlock behind the lock, -1 when it was not had.
+  told.add("lockElsewhere", [=](int32_t timeout) {
+    int32_t result = -1;
+    std::thread([&] { result = lock(timeout) == 1 ? unlock() : -1; }).join();
+    return result;
+  });
+  told.add("spinElsewhereAndUnlock", [=] {
+    int32_t result = -1;
+    std::thread thread([&] { mutex::lockMutexSpinning(&theMutex), result = unlock(); });
+    unlock();
+    thread.join();
+    return result;
+  });
+  told.add("initMutex", [] { mutex::initMutex(&theMutex); });
+  told.add("resetMutex", [] { mutex::resetMutex(&theMutex); });
+  told.add("destroyMutex", [] { mutex::destroyMutex(&theMutex); });
+  told.add("refuseMutexTypes", [](bool refused) { mutexTypesAreRefused = refused; });
+  ADD_OPERATIONS(told, lock, unlock);
+}
+
+// --- file, library, string, signal, options ---
+
+// With the errno of a line that stopped short.
+std::string readLine(int32_t fd, int32_t capacity) {
+  std::string buffer(16, '#');
+  const char* const end = file::readLine(fd, buffer.data(), capacity);
+  const bool whole = end != nullptr && end[-1] == '\n';
+  const std::string error = whole || errno == 0 ? "" : std::string(errorName(errno)) + ": ";
+  return error + (end != nullptr ? buffer.c_str() : "null");
+}
+
+void addFiles(Transcript& told) {
+  ADD_OPERATIONS(told, owned(file::joinPath), file::exists, file::isRegularFile, file::isDirectory,
+                 file::fileSize, file::isAccessible, file::isRootedPath, file::changeOwner,
+                 putPair(file::createPipe), file::setPipeSize, file::setNonBlocking,
+                 file::setNoInherit, file::bytesQueued, file::bytesWritable, file::writeString,
+                 readLine, ::close, ::chmod, ::mkdir, ::mkfifo, ::truncate, ::umask);
+  told.add("bytesReadable", [](int32_t fd) { return file::bytesReadable(fd); });
+  told.add("countReadable", [](int32_t fd, int32_t* n) { return file::bytesReadable(fd, n); });
+  told.add("makeFile", [](Text name, Text text) { std::ofstream(name) << text; });
+  told.add("isDirectoryMode", [](Text name) {
+    struct stat status;
+    return file::statFile("", name, status) == 1 ? file::isDirectoryMode(status) : -1;
+  });
+}
+
+void addLibrary(Transcript& told) {
+  static void* const libc = library::open("libc.so.6");
+  std::ostringstream address;
+  address << libc;
+  told.hide(address.str(), "HANDLE");
+  told.hide(static_cast<link_map*>(libc)->l_name, "LIBC");
+  told.add("open", library::open);
+  told.add("resolve", [](Text name) { return library::resolve(libc, name); });
+  told.add("closeLibrary", [] { return library::close(libc); });
+}
+
+void addStrings(Transcript& told) {
+  using namespace string;
+  ADD_OPERATIONS(told, newBuffer, newBufferFrom, newSizedBuffer, assignFirst, release, append,
+                 replaceAll, replacePrefix, dottedQuadText, calendarText, dottedQuad, calendarTime,
+                 cutAtUnprintable, startsWith, endsWith, isAbsolutePath, hasParentReference,
+                 parseVersion);
+  told.add("assign", Form<void(char*&, Text)>(assign));
+  told.add("copyOf", owned(Form<char*(Text)>(assign)));
+  told.add("copyPrefix", Form<void(char*&, Text, int32_t)>(copyPrefix));
+  told.add("prefixOf", owned(Form<char*(Text, int32_t)>(copyPrefix)));
+  told.add("appendBytes", [](char*& s, Text data, int32_t n) { appendBytes(s, data, n); });
+  told.add("assignTail", [](char*& s) { assign(s, s + 1); });
+  told.add("put", [](char* s, int32_t index, char value) { s[index] = value; });
+  told.add("clockText", [](char*& s, int64_t t, int64_t us) { clockText(s, {t, us}); });
+  told.add("countSeparators", [](Text s, int32_t n, char c) { return countSeparators(s, n, c); });
+}
+
+void onAlarm(int) {  // the first one only interrupts
+  static int32_t alarms = 0;
+  if (++alarms == 2) file::writeString(65, "late\n");
+}
+
+void addSignals(Transcript& told) {
+  using namespace signal;
+  ADD_OPERATIONS(told, setSignalHandler, signalName, handlerName);
+  told.add("setSignalMask", [](int32_t how, int32_t number, int32_t& wasIn) {
+    sigset_t set = {}, old = {};
+    ::sigaddset(&set, number);
+    const int32_t result = setSignalMask(how, &set, &old);
+    wasIn = ::sigismember(&old, number);
+    return result;
+  });
+  told.add("setSignalAction", [](int32_t number, Handler handler) {
+    struct sigaction action;
+    memset(&action, 0xA5, sizeof action);
+    clearSignalAction(action);
+    if (handler != nullptr) action.sa_handler = handler;
+    return setSignalAction(number, &action, nullptr);
+  });
+  told.add("setIntervalTimer", [](int32_t which, int32_t microseconds) {
+    itimerval timer;
+    memset(&timer, 0xA5, sizeof timer);
+    clearIntervalTimer(timer);
+    timer.it_value.tv_usec = timer.it_interval.tv_usec = microseconds;
+    return setIntervalTimer(which, &timer, nullptr);
+  });
+  told.add("dumpSignalSet", [](int32_t number, Text label, bool named) {
+    sigset_t set = {};
+    ::sigaddset(&set, number);
+    dumpSignalSet(set, label, named ? &logger() : nullptr);
+  });
+}
+
+void addOptions(Transcript& told) {
+  using namespace options;
+  // Parses to the end and writes each option, its argument and what was printed; the last index.
+  told.add("parse", [](Text letters, Text line) {
+    std::string words = std::string("prog ") + line;
+    std::vector<Text> arguments = split(words, " ");
+    const auto count = static_cast<int32_t>(arguments.size()) - 1;
+    resetOptions();
+    for (int32_t option, most = 8; most > 0; --most) {
+      testing::internal::CaptureStderr();
+      option = parseOption(count, const_cast<char* const*>(arguments.data()), letters);
+      std::clog << testing::internal::GetCapturedStderr();
+      if (option == -1) break;
+      std::clog << static_cast<char>(option);
+      if (option == optionState().option) std::clog << ' ' << orNil(optionState().argument);
+      std::clog << '\n';
+    }
+    return optionState().index;
+  });
+  told.add("printErrors", [](int32_t print) { optionState().printErrors = print; });
+  told.add("standInside", [](Text text) { optionState().position = text; });
+}
+
+// --- socket ---
+
+// The value of an option, of a record the integer at `index`.
+int32_t stored(int32_t fd, int32_t level, int32_t option, int32_t index) {
+  int32_t values[2] = {};
+  socklen_t size = sizeof values;
+  ::getsockopt(fd, level, option, values, &size);
+  return values[index];
+}
+
+// Family, length, port and IPv4 address of what unmapping twice makes of an address.
+void unmap(Text text) {
+  sockaddr_in6 address = {AF_INET6, htons(4711), 0, {}, 0};
+  const auto* const plain = reinterpret_cast<const sockaddr_in*>(&address);
+  auto* const any = reinterpret_cast<sockaddr*>(&address);
+  ::inet_pton(AF_INET6, text, &address.sin6_addr);
+  socklen_t length = sizeof address;
+  socket::unmapIPv4Address(socket::unmapIPv4Address(any, length), length);
+  std::clog << any->sa_family << ' ' << length << ' ' << ntohs(plain->sin_port) << ' '
+            << socket::addressText(plain->sin_addr.s_addr) << '\n';
+}
+
+void addSockets(Transcript& told) {
+  using namespace socket;
+  ADD_OPERATIONS(told, setNoDelay, setCork, setReceiveBuffer, setSendBuffer, setLowDelay,
+                 setKeepAlive, setLinger, setReuseAddress, setQuickAck, queryOption,
+                 socketBytesWritable, pendingError, putPair(createSocketPipe), supportLevelOf,
+                 detectSystemSupport, ensureSystemSupport, owned(hostText), portOf, networkInfo,
+                 resolveAddress, lookupAddress, resolvedAddressText, resolverErrorText,
+                 isAddressText, addressText, stored, unmap, refuse, limit, ::listen);
+  told.add("level", [] { return systemSupport().level; });
+  told.add("setLevel", [](int32_t level) { systemSupport().level = level; });
+  told.add("socket", [](int n, int af, int type) { return put(n, ::socket(af, type, 0)); });
+  told.add("flags", [](int32_t fd, int32_t command) { return ::fcntl(fd, command); });
+  told.add("queuesAtLeast", [](int32_t fd, int32_t n) { return bytesQueued(fd) >= n; });
+  told.add("queueAndRoom", [](int32_t fd) { return bytesQueued(fd) + socketBytesWritable(fd); });
+  told.add("connect", [&told](int32_t fd, int32_t to, int32_t accepted) {
+    const auto port = static_cast<uint16_t>(portOf(to, kLocal));
+    const sockaddr_in address = {AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
+    const int32_t result = ::connect(fd, reinterpret_cast<const sockaddr*>(&address), 16);
+    put(accepted, ::accept(to, nullptr, nullptr));
+    told.hide(" = " + std::to_string(port), " = PORT");
+    told.hide(" = " + std::to_string(portOf(fd, kLocal)), " = OTHER PORT");
+    return result;
+  });
+  told.add("hideResolverError", [&told] {
+    const std::string reason = std::to_string(h_errno) + " '" + resolverErrorText(h_errno);
+    told.hide("Error is " + reason, "Error is H_ERRNO 'ITS TEXT");
+  });
+}
+
+// --- process ---
+
+// Starts the program, its words between "|", and gives its exit status.
+int32_t run(Text program, Text variable, int32_t input, int32_t output, int32_t error,
+            int32_t priority, int32_t keepPrivileges) {
+  std::string words = program;
+  Text environment[] = {variable, nullptr};
+  int32_t status = -1;
+  const pid_t child = process::createProcess(nullptr, split(words, "|").data(),
+                                             variable != nullptr ? environment : nullptr, input,
+                                             output, error, priority, keepPrivileges);
+  if (child == -1) return -1;
+  ::waitpid(child, &status, 0);
+  return process::exitStatus(status);
+}
+
+void addProcesses(Transcript& told) {
+  using namespace process;
+  ADD_OPERATIONS(told, isProcessAlive, isAlive, exitedNormally, exitStatus, killedBySignal,
+                 terminationSignal, terminationSignalName, stoppedBySignal, stopSignal,
+                 stopSignalName, exitCode, mapPriority, setPriority, changePriority,
+                 defaultHostName, hostName, isLocalHostName, temporaryDirectory, setUserId,
+                 setGroupId, userIdOf, groupIdOf, userNameOf, groupNameOf, escapeParameter,
+                 unescapeParameter, isValidParameterText, isValidParameter, parseCount, isItem,
+                 replaceParameterPrefix, forkProcess, detachFromTerminal, run, ::setenv, ::unsetenv,
+                 ::getegid, ::geteuid, ::setresuid, ::setresgid, ::wait, ::getpriority);
+  told.add("memfd", [](int32_t fd, Text name) { return put(fd, ::memfd_create(name, 0)); });
+  told.add("leadsSession", [] { return ::getsid(0) == ::getpid(); });
+  told.add("killSelf", [](int32_t& status) {
+    if (::fork() == 0) killSelf();
+    return ::wait(&status) > 0;
+  });
+  told.add("exec", [](Text path, Text variable) {
+    Text const arguments[] = {path, nullptr}, variables[] = {variable, nullptr};
+    return execProgram(path, 0, arguments, variable != nullptr ? variables : nullptr);
+  });
+  told.add("temporaryName", [](Text directory, Text prefix) {
+    const std::unique_ptr<char, decltype(&free)> name(temporaryName(directory, prefix), free);
+    return std::regex_replace(name.get(), std::regex("\\d+"), "N");
+  });
+  told.add("temporaryNameWithoutMemory", [] {
+    const std::string directory(64 << 20, 'd');
+    limit(RLIMIT_AS, 1);
+    return temporaryName(directory.c_str(), nullptr);
+  });
+}
+
+// --- the transcripts, and the rest ---
+
+using Base = testing::TestWithParam<Text>;
+
+TEST_P(Base, DoesAsTold) {
+  const test::TemporaryRoot root;
+  ASSERT_EQ(::chdir(root.path().c_str()), 0);
+  {
+    Transcript told(std::string("tests/base/") + GetParam() + ".transcript",
+                    {{"onAlarm", reinterpret_cast<int64_t>(onAlarm)},
+                     {"uname", SYS_uname},
+                     {"fcntl", SYS_fcntl},
+                     {"getsockopt", SYS_getsockopt}});
+    for (const auto& add : {addLogger, addReports, addMutex, addFiles, addLibrary, addStrings,
+                            addSignals, addOptions, addSockets, addProcesses})
+      add(told);
+    renewLogger();
+    socket::systemSupport() = {};
+    options::optionState() = {};
+    told.run();
+  }
+  renewLogger();
+}
+
+INSTANTIATE_TEST_SUITE_P(Transcripts, Base,
+                         testing::Values("logger", "log_files", "error_reports", "mutex", "file",
+                                         "library", "string", "signal", "options", "socket_options",
+                                         "socket_address", "system_support", "process_status",
+                                         "process_identity", "process_start"),
+                         [](const auto& row) { return std::string(row.param); });
+
+TEST(String, CountsSeparatorsAtEveryLengthAndAlignment) {
+  const test::CapturedLog captured;
+  std::vector<uint8_t> data(70000);
+  for (size_t i = 0; i < data.size(); ++i) data[i] = i % 7 == 0 || i % 5 == 1 ? 0xFF : '\n';
+  const auto check = [&data](size_t from, int32_t length) {
+    const auto* const begin = data.data() + from;
+    const auto count = std::count(begin, begin + std::max(length, 1), 0xFF);  // 0 looks at one too
+    ASSERT_EQ(string::countSeparators(begin, length, 0xFF), count) << from << " " << length;
+  };
+  for (size_t from = 0; from < 16; ++from) {
+    for (int32_t length = 0; length <= 300; ++length) check(from, length);
+    for (const int32_t length : {255 * 64 - 1, 255 * 64 + 80, 66000}) check(from, length);
+  }
+  std::fill(data.begin(), data.end(), uint8_t{0xFF});  // every byte counter gets full
+  check(1, 69999);
+}
+
+TEST(ForkProcess, LetsThreadsAndChildrenLogAtOnce) {
+  testing::internal::CaptureStderr();
+  ::fcntl(STDERR_FILENO, F_SETFL, O_APPEND);  // it has many writers
+  const auto write = [] {
+    for (int n = 0; n < 200; ++n, logger().flushAll()) logStream(), errorStream() << "thread\n";
+  };
+  const auto fork = [] {
+    for (int n = 0; n < 25; ++n) {
+      if (process::forkProcess() == 0) {
+        ::alarm(60);  // a lock that was inherited held would wait for ever
+        logStream() << "child\n";
+        process::endProcess(0);
+      }
+      ::wait(nullptr);
+    }
+  };
+  std::vector<std::thread> threads;
+  for (int n = 0; n < 3; ++n) threads.emplace_back(write);
+  for (int n = 0; n < 2; ++n) threads.emplace_back(fork);
+  for (std::thread& thread : threads) thread.join();
+  const std::string text = testing::internal::GetCapturedStderr();
+  const std::pair<Text, int> whole[] = {{"thread\n", 600},
+                                        {"child\n", 50},
+                                        {"Error: ", 600},
+                                        {R"(\d+ \d+ \d\d:\d\d:\d\d \d{3}\.\d{3} )", 650}};
+  for (const auto& [pattern, count] : whole) {
+    const std::regex piece(pattern);
+    EXPECT_EQ(std::distance(std::sregex_iterator(text.begin(), text.end(), piece), {}), count);
+  }
+}
+
+}  // namespace
+}  // namespace qora
