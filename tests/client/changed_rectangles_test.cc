@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <random>
 #include <vector>
 
@@ -15,9 +16,8 @@ TEST(ChangedRectanglesTest, MergesRunsAndEqualRows) {
       {"........", 0}, {".##.", 1},     {"#.##", 2},         {".##..##..##.", 1}, {".##..###", 2},
       {".##.####", 2}, {"#..##..#", 2}, {".##......##.", 2}, {"#...#.#.#...", 2}};
   for (const auto& [cells, rectangles] : cases) {
-    CellMap map{.columns = 4, .rows = 0, .cellSize = 16, .changed = {}};
+    CellMap map{4, static_cast<int32_t>(std::strlen(cells) / 4), 16, {}};
     for (const char* cell = cells; *cell != '\0'; ++cell) map.changed.push_back(*cell == '#');
-    map.rows = static_cast<int32_t>(map.changed.size() / 4);
     std::vector<service::Rectangle> list;
     EXPECT_EQ(1, mergeCells(map, 64, 16 * map.rows, 4, list));
     EXPECT_EQ(rectangles, list.size()) << cells;

@@ -20,9 +20,8 @@ TEST(FrameSegmentTest, LaysPlanesOutOnCacheLines) {
   const Picture picture = segment.picture(1);
   constexpr uint32_t kLuma = 256 * 50, kChroma = 128 * 25, kCell = kLuma + 2 * kChroma;
   for (uint32_t plane = 0; plane < 3; ++plane) {
-    const uint32_t offset = kCell + (plane > 0 ? kLuma + (plane - 1) * kChroma : 0);
-    EXPECT_EQ(offset, request.planeOffset[plane]);
-    EXPECT_EQ(offset, picture.plane[plane] - segment.picture(0).plane[0]);
+    EXPECT_EQ(kCell + (plane > 0 ? kLuma + (plane - 1) * kChroma : 0), request.planeOffset[plane]);
+    EXPECT_EQ(request.planeOffset[plane], picture.plane[plane] - segment.picture(0).plane[0]);
     EXPECT_EQ(plane == 0 ? 256u : 128u, request.planeStride[plane]);
   }
   std::memset(picture.plane[2], 1, kChroma);  // the last byte is still inside
@@ -38,25 +37,21 @@ TEST(FrameSegmentTest, IsGoneWithItsLastUser) {
   EXPECT_NE(0, state.shm_perm.mode & SHM_DEST) << "a crash now would leave it behind";
 
   // The service comes later, keeps it beyond our end, and dies without a clean-up.
-  int seen[2];
-  ASSERT_EQ(0, pipe(seen));
   const pid_t child = fork();
   if (child == 0) {
     segment.remove();
-    const void* attached = shmat(id, nullptr, 0);
-    if (attached != reinterpret_cast<void*>(-1) && write(seen[1], attached, 1) == 1) pause();
-    _exit(1);
+    const char* attached = static_cast<char*>(shmat(id, nullptr, 0));
+    raise(SIGSTOP);
+    _exit(*attached);
   }
-  close(seen[1]);
-  char byte = 0;
-  EXPECT_EQ(1, read(seen[0], &byte, 1));
-  EXPECT_EQ(42, byte);
+  int status = 0;
+  waitpid(child, &status, WUNTRACED);
   segment.remove();
   EXPECT_EQ(0, shmctl(id, IPC_STAT, &state));
-  kill(child, SIGKILL);
-  waitpid(child, nullptr, 0);
+  kill(child, SIGCONT);
+  waitpid(child, &status, 0);
+  EXPECT_EQ(42, WEXITSTATUS(status));
   EXPECT_EQ(-1, shmctl(id, IPC_STAT, &state));
-  close(seen[0]);
 }
 
 TEST(FrameSegmentTest, RefusesWhatCannotBeSent) {

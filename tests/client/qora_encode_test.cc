@@ -1,7 +1,5 @@
 // The program from outside: what it says, how it ends, what it leaves behind.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -10,8 +8,7 @@
 #include <filesystem>
 #include <regex>
 
-#include "base/process.h"
-#include "tests/client/table.h"
+#include "tests/support/table.h"
 #include "tests/support/temporary_root.h"
 
 namespace qora::test {
@@ -23,15 +20,6 @@ void write(const std::string& name, const std::string& content) {
 std::string read(const std::string& name) {
   std::ifstream file(name);
   return {std::istreambuf_iterator<char>(file), {}};
-}
-
-bool madeASegment(pid_t tool) {
-  std::ifstream list("/proc/sysvipc/shm");
-  std::string line;
-  for (std::getline(list, line); std::getline(list, line);) {
-    if (splitWords(line)[4] == std::to_string(tool)) return true;  // the creator
-  }
-  return false;
 }
 
 // Runs in a folder of its own; a service that outlives the tool becomes our child.
@@ -48,24 +36,18 @@ class QoraEncodeTest : public testing::Test {
   }
 
   void start(const std::string& arguments) {
-    const std::vector<std::string> words = splitWords(arguments);
-    std::vector<const char*> program = {QORA_ENCODE, "qora-encode"};
-    for (const std::string& word : words) program.push_back(word.c_str());
-    program.push_back(nullptr);
-    error_ = memfd_create("error", MFD_CLOEXEC);
-    const int input = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    tool_ = process::createProcess(nullptr, program.data(), nullptr, input, -1, error_, 0, 1);
-    close(input);
+    const std::string command = "exec " QORA_ENCODE " " + arguments + " </dev/null 2>said";
+    tool_ = fork();
+    if (tool_ == 0) execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
   }
   // The exit status, and what stood on standard error.
   std::string end() {
     int status = 0;
     waitpid(tool_, &status, 0);
-    const std::string said = read("/proc/self/fd/" + std::to_string(error_));
-    close(error_);
     EXPECT_TRUE(waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD) << "a child is left";
-    EXPECT_FALSE(madeASegment(tool_)) << "a segment is left";
-    return std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : -1) + " " + said;
+    const std::string own = "$5 == " + std::to_string(tool_);  // segments that the tool made
+    EXPECT_EQ(0, std::system(("awk '" + own + " {exit 1}' /proc/sysvipc/shm").c_str()));
+    return std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : -1) + " " + read("said");
   }
   std::string run(const std::string& arguments) {
     start(arguments);
@@ -74,7 +56,6 @@ class QoraEncodeTest : public testing::Test {
 
   const TemporaryRoot folder_;
   pid_t tool_ = -1;
-  int error_ = -1;
 };
 
 // A clip of 48x32: grey, grey once more, then a frame with one changed macroblock.
@@ -89,9 +70,9 @@ TEST_F(QoraEncodeTest, EncodesAClipInSeveralStreams) {
   write("clip", clip("YUV4MPEG2 W48 H32 F50:1 C420jpeg\n", "FRAME Ip\n"));
   write("raw", clip("", ""));
   std::string said = run("clip -o out.264 --streams 2 --stats out.csv");
-  EXPECT_TRUE(said.starts_with("0 encoded 3 frames, ")) << said;
-  EXPECT_TRUE(said.ends_with("2 streams, 38.9% of the macroblocks changed\n")) << said;
-  EXPECT_TRUE(read("out.264").starts_with(std::string("\0\0\0\1", 4)));
+  EXPECT_TRUE(std::regex_match(
+      said, std::regex("0 encoded 3 frames, .*2 streams, 38.9% of the macroblocks changed\n")))
+      << said;
   EXPECT_EQ(read("out.264"), read("out.1.264"));
   // Sizes, quantizers and times differ from library to library.
   const std::regex varying(",\\d+,\\d+,\\d+,\\d+\\.\\d{3},");
@@ -103,29 +84,15 @@ TEST_F(QoraEncodeTest, EncodesAClipInSeveralStreams) {
   EXPECT_EQ(read("out.264"), read("raw.264"));
   said = run("clip --skip-unchanged -o few.264 --stats few.csv");
   EXPECT_NE(std::string::npos, said.find(", 1 of them skipped, 38.9%")) << said;
-  const std::string few = read("few.csv");
-  EXPECT_EQ(std::string::npos, few.find("\n1,"));
-  EXPECT_NE(std::string::npos, few.find("\n2,P,"));
-  said = run("clip --frames 2 --no-rectangles -o short.264");
-  EXPECT_TRUE(said.starts_with("0 encoded 2 frames, ")) << said;
+  EXPECT_EQ(std::string::npos, read("few.csv").find("\n1,"));
+  EXPECT_TRUE(run("clip --frames 2 --no-rectangles -o short").starts_with("0 encoded 2 frames, "));
 }
 
 TEST_F(QoraEncodeTest, EndsWithOneLineOnBadInput) {
   const std::string whole = clip("YUV4MPEG2 W48 H32 F50:1 C420jpeg\n", "FRAME Ip\n");
-  const std::string header = "YUV4MPEG2 W48 H32";
-  for (const auto& [name, content] : std::initializer_list<std::pair<const char*, std::string>>{
-           {"clip", whole},
-           {"cut", whole.substr(0, 6900)},
-           {"torn", whole.substr(0, 2350)},
-           {"empty", ""},
-           {"text", "hi"},
-           {"open", header},
-           {"bare", header + "\n"},
-           {"lost", header + "\nFRAMES\n"},
-           {"deep", header + " C420p10\nFRAME\n"},
-           {"full", header + " C444\nFRAME\n"},
-           {"odd", "YUV4MPEG2 W47 H32\nFRAME\n"}}) {
-    write(name, content);
+  for (const auto& row : readTable(TABLES "bad_clips.table")) {
+    const std::string text = std::regex_replace(row[1], std::regex("~"), "\n");
+    write(row[0], row.size() == 2 ? text : whole.substr(0, std::stoul(row[2])));
   }
   std::filesystem::create_symlink(SCRIPTED_PEER, "PEER");
   setenv("PEER_SCRIPT", "half 22", 1);

@@ -1,5 +1,4 @@
-// tests/client/table.h -- Cases from a file: a line each, its columns between " | ", # for
-// comments.
+// tests/support/table.h -- Cases from a file: a line each, columns between " | ", # for comments.
 #pragma once
 
 #include <fstream>
