@@ -2,9 +2,11 @@
 // its replies, ends it.
 //
 //     CodecClient client;
-//     if (client.start({.servicePath = "/usr/libexec/qora-codec", .codecRoot = "/usr/lib/qora"}) ==
-//     -1) ... client.attachSegment(segment.id()); client.addStream({.flags = kAnnexBFlag, .streamId
-//     = 0, ...}); client.encode(request, rectangles, {}); client.readReply(reply);
+//     client.start({.servicePath = "/usr/libexec/qora/qora-codec", .codecRoot = "/opt/codec"});
+//     client.attachSegment(segment.id());
+//     client.addStream(settings);
+//     client.encode(request, rectangles, copies);
+//     client.readReply(reply);
 //
 // Only encode() is answered, and the answers come in the order of the calls. A command that the
 // service refuses ends it: the next call that touches the channel returns -1 with errno EPIPE, and
