@@ -23,7 +23,7 @@ tests=(
 benchmarks=(
   libbenchmark-dev
   gnuplot-nox
-  x264 time ffmpeg                 # what the service is compared with
+  x264 ffmpeg # what the service is compared with
   xvfb openbox xterm x11-apps xdotool x11-xserver-utils fonts-dejavu-core # a desktop to film
 )
 demo=(
