@@ -15,12 +15,13 @@ tests=(
   git python3     # format check, include check
   ffmpeg          # decodes what was encoded
   strace valgrind gnuplot-nox # stress/ and its plot
+  gcovr                        # scripts/coverage.sh
   bubblewrap                   # a sandbox for the service
   libavcodec-dev libavutil-dev # a decoder whose pictures can be changed
 )
 benchmarks=( # on the demo's desktop
   libbenchmark-dev
-  x264 time # what the service is compared with
+  x264 # what the service is compared with, beside ffmpeg
   gnuplot-nox
 )
 demo=(
