@@ -121,7 +121,6 @@ Bytes makeSession(Random& random, int32_t segment) {
     appendMessage(bytes, random, segment);
   }
   damage(bytes, random);
-  if (below(random, 20) == 0) bytes.resize(bytes.size() + below(random, 2 << 20));
   return bytes;
 }
 
