@@ -78,27 +78,6 @@ pid_t startProcess(const ServiceOptions& options, int32_t input, int32_t output)
                                 niceness, 0);
 }
 
-// write(2) without its signal. SIGPIPE is blocked for this thread meanwhile, and the one that the
-// write raised is taken back; one that was waiting already is somebody else's and stays.
-ssize_t writeQuietly(int32_t fd, const uint8_t* bytes, size_t size) {
-  sigset_t brokenPipe;
-  sigset_t waiting;
-  sigset_t before;
-  sigemptyset(&brokenPipe);
-  sigaddset(&brokenPipe, SIGPIPE);
-  sigpending(&waiting);
-  pthread_sigmask(SIG_BLOCK, &brokenPipe, &before);
-  const ssize_t written = ::write(fd, bytes, size);
-  const KeepErrno keep;
-  if (written == -1 && keep.value == EPIPE && sigismember(&waiting, SIGPIPE) == 0) {
-    const timespec noWait{};
-    while (sigtimedwait(&brokenPipe, nullptr, &noWait) == -1 && errno == EINTR) {
-    }
-  }
-  pthread_sigmask(SIG_SETMASK, &before, nullptr);
-  return written;
-}
-
 // What is left until the deadline as poll(2) wants it, rounded up.
 int32_t pollTimeout(std::chrono::steady_clock::time_point deadline) {
   const auto left =
@@ -125,13 +104,11 @@ int32_t CodecClient::start(const ServiceOptions& options) {
   Pipe reply;
   if (openPipe(command) == -1 || openPipe(reply) == -1) return -1;
   // Ours alone: the service's ends stay blocking, as it needs them.
-  if (file::setNonBlocking(command.writeEnd.get(), 1) == -1 ||
-      file::setNonBlocking(reply.readEnd.get(), 1) == -1) {
-    return -1;
-  }
+  if (file::setNonBlocking(command.writeEnd.get(), 1) == -1) return -1;
   process_ = startProcess(options, command.readEnd.get(), reply.writeEnd.get());
   if (process_ == -1) return -1;
   commands_ = std::move(command.writeEnd);
+  commandReader_ = std::move(command.readEnd);
   replies_ = std::move(reply.readEnd);
   taken_ = filled_ = 0;
   pending_.clear();
@@ -196,7 +173,7 @@ int32_t CodecClient::send(const uint8_t* bytes, size_t size) {
     return -1;
   }
   while (size > 0) {
-    const ssize_t written = writeQuietly(commands_.get(), bytes, size);
+    const ssize_t written = ::write(commands_.get(), bytes, size);
     if (written > 0) {
       bytes += written;
       size -= static_cast<size_t>(written);
@@ -218,7 +195,7 @@ int32_t CodecClient::waitForRoom() {
   return 1;
 }
 
-// One read. 1, or 0 when there is nothing yet.
+// One read, which waits for the service. 1, or 0 when a signal came first.
 int32_t CodecClient::receiveSome() {
   if (replies_.get() == -1) return channelLost(EPIPE);
   if (received_.size() - filled_ < kReadSize && taken_ > 0) {
@@ -232,9 +209,14 @@ int32_t CodecClient::receiveSome() {
     filled_ += static_cast<size_t>(count);
     return 1;
   }
-  if (count == -1 && (errno == EAGAIN || errno == EINTR)) return 0;
+  if (count == -1 && errno == EINTR) return 0;
   replies_.reset();
   return channelLost(count == 0 ? EPIPE : errno);
+}
+
+int32_t CodecClient::waitForReply(Clock::time_point deadline) const {
+  pollfd end = {replies_.get(), POLLIN, 0};
+  return ::poll(&end, 1, pollTimeout(deadline));
 }
 
 // The reply at the front of what was received. 1, or 0 when it is not whole yet.
@@ -264,15 +246,14 @@ int32_t CodecClient::takeReply(Reply& reply) {
 
 int32_t CodecClient::readReply(Reply& reply, int32_t timeout) {
   if (pending_.empty()) return 0;
-  const auto deadline = Clock::now() + std::chrono::milliseconds(timeout);
+  const auto deadline = Clock::now() + std::chrono::milliseconds(timeout);  // unless it is -1
   while (true) {
     if (const int32_t taken = takeReply(reply); taken != 0) return taken;
-    // A reply is hardly ever there already: to wait first saves a read that finds nothing.
-    if (replies_.get() != -1) {
-      pollfd end = {replies_.get(), POLLIN, 0};
-      const int ready = ::poll(&end, 1, timeout < 0 ? -1 : pollTimeout(deadline));
+    if (timeout >= 0 && replies_.get() != -1) {
+      const int32_t ready = waitForReply(deadline);
       if (ready == 0) return 0;
-      if (ready == -1 && errno != EINTR) return -1;
+      if (ready == -1 && errno == EINTR) continue;
+      if (ready == -1) return -1;
     }
     if (receiveSome() == -1) return -1;
   }
@@ -280,7 +261,7 @@ int32_t CodecClient::readReply(Reply& reply, int32_t timeout) {
 
 // The service is gone or going; replies that it wrote before can still be read. Always -1.
 int32_t CodecClient::channelLost(int32_t error) {
-  commands_.reset();
+  closeCommands();
   collectEnd(Clock::now() + kLostGrace);
   errno = error;
   return -1;
@@ -289,26 +270,28 @@ int32_t CodecClient::channelLost(int32_t error) {
 int32_t CodecClient::stop(int32_t grace) {
   if (isRunning()) {
     const auto deadline = Clock::now() + std::chrono::milliseconds(grace);
-    commands_.reset();
+    closeCommands();
     drainReplies(deadline);
     collectEnd(deadline);
   }
-  commands_.reset();
+  closeCommands();
   replies_.reset();
   pending_.clear();
   if (endText_.empty()) return 0;
   return exitedWithZero_ == 1 ? 1 : -1;
 }
 
+void CodecClient::closeCommands() {
+  commands_.reset();
+  commandReader_.reset();
+}
+
 // A service in the middle of a reply ends in order only when somebody takes the rest.
 void CodecClient::drainReplies(Clock::time_point deadline) {
   uint8_t dropped[4096];
   while (replies_.get() != -1 && Clock::now() < deadline) {
-    const ssize_t count = ::read(replies_.get(), dropped, sizeof dropped);
-    if (count > 0 || (count == -1 && errno == EINTR)) continue;
-    if (count == 0 || errno != EAGAIN) return;
-    pollfd end = {replies_.get(), POLLIN, 0};
-    ::poll(&end, 1, pollTimeout(deadline));
+    if (waitForReply(deadline) <= 0) continue;
+    if (::read(replies_.get(), dropped, sizeof dropped) == 0) return;
   }
 }
 

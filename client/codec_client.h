@@ -9,8 +9,9 @@
 //     client.readReply(reply);
 //
 // Only encode() is answered, and the answers come in the order of the calls. A command that the
-// service refuses ends it: the next call that touches the channel returns -1 with errno EPIPE, and
-// endText() tells why. Nothing here raises SIGPIPE, and no signal's disposition is changed.
+// service refuses ends it: the next readReply() that waits for an answer returns -1 with errno
+// EPIPE, as does a command that finds the pipe full, and endText() tells why. Nothing here raises
+// SIGPIPE, and no signal's disposition is changed.
 //
 // Results: 1, 0 for "nothing there", -1 with errno. One thread at a time may use a client.
 #pragma once
@@ -71,7 +72,7 @@ class CodecClient {
 
   // Starts the service. -1: EBUSY when one runs already, what access(2) says when the program
   // cannot be run, or the system's. A service that cannot load its encoder ends at once; the first
-  // command or reply tells.
+  // reply tells.
   [[nodiscard]] int32_t start(const ServiceOptions& options);
 
   // The commands. A call returns when the command is in the pipe; while the pipe is full, replies
@@ -114,12 +115,17 @@ class CodecClient {
   int32_t waitForRoom();
   int32_t receiveSome();
   int32_t takeReply(Reply& reply);
+  int32_t waitForReply(Clock::time_point deadline) const;
   int32_t channelLost(int32_t error);
+  void closeCommands();
   void drainReplies(Clock::time_point deadline);
   void collectEnd(Clock::time_point deadline);
 
   pid_t process_ = -1;
-  Descriptor commands_;  // our ends of the pipes, non-blocking
+  Descriptor commands_;  // non-blocking
+  // The service's end as well: with a reader in our own process a write raises no SIGPIPE, whatever
+  // became of the service. The end of the replies tells that.
+  Descriptor commandReader_;
   Descriptor replies_;
   std::vector<uint8_t> message_;   // the encode command being built
   std::vector<uint8_t> received_;  // reply bytes: [taken_, filled_) are not used yet

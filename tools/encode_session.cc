@@ -17,6 +17,8 @@ namespace {
 
 constexpr int32_t kCells = 2;  // the picture and its predecessor
 constexpr int64_t kEncoderRate = 25;
+constexpr int32_t kNotYet = 2;  // results of loading a picture: it is not there yet,
+constexpr int32_t kStill = 3;   // and nothing changed in it
 
 double frameRate(const ClipFormat& format) {
   return static_cast<double>(format.rateNumerator) / format.rateDenominator;
@@ -51,7 +53,7 @@ int32_t EncodeSession::run() {
   if (segment_.create(format.width, format.height, kCells) == -1) {
     return fail(std::string("no shared memory for two pictures: ") + errorText(errno));
   }
-  const int32_t first = clip_.read(segment_.picture(0));
+  const int32_t first = clip_.read(segment_.picture(otherCell()));
   if (first == -1) return fail(clip_.problem());
   if (first == 0) return fail(options_.input + ": the clip has no frame");
   loaded_ = 1;
@@ -147,32 +149,37 @@ int32_t EncodeSession::addStreams() {
   return 1;
 }
 
-// The first picture is in its cell already; every later one goes to the cell of the last but one.
-// It is read and searched while the service encodes the one before, if it is there: waiting for it
-// would keep back the replies of a live clip.
+// The first picture is in its cell already. While the service encodes one, the next that differs is
+// read and searched, as far as it is there: waiting for it would keep back a live clip's replies.
 int32_t EncodeSession::encodeClip() {
-  constexpr int32_t kNotYet = 2;
   int32_t changed = findChanges();
-  while (true) {
-    if (sendFrame(changed) == -1) return -1;
-    int32_t more = frames_ + 1 == options_.frames ? 0 : kNotYet;
-    int32_t nextChanged = 0;
-    if (more == kNotYet && clip_.hasInput()) more = loadPicture(nextChanged);
-    if (takeReplies(changed) == -1) return -1;
-    progress_.update(figures());
-    if (more == kNotYet) more = loadPicture(nextChanged);
-    if (more == 0) return 1;
-    if (more == -1) return failLoading();
-    changed = nextChanged;
+  while (sendFrame(changed) == 1) {
+    int32_t next = kNotYet;
+    while (next == kNotYet || next == kStill) {
+      const bool idle = client_.pendingReplies() == 0;
+      next = idle || clip_.hasInput() ? loadPicture(changed) : kNotYet;
+      if (takeReplies(next == kStill ? 0 : -1) == -1) return -1;
+      progress_.update(figures());
+    }
+    if (next == 0) return 1;
+    if (next == -1) return failLoading();
   }
+  return -1;
 }
 
-// 1, 0 at the clip's end, or -1.
+// The next picture, into the cell that the service does not look at. 1, kStill for one that is not
+// to be encoded, 0 at the clip's end, or -1.
 int32_t EncodeSession::loadPicture(int32_t& changed) {
-  const int32_t loaded = wasInterrupted() ? -1 : clip_.read(segment_.picture(cellOf(loaded_)));
+  if (loaded_ == options_.frames) return 0;
+  const int32_t loaded = wasInterrupted() ? -1 : clip_.read(segment_.picture(otherCell()));
   if (loaded != 1) return loaded;
   ++loaded_;
-  changed = findChanges();
+  const int32_t difference = findChanges();
+  if (difference == 0 && options_.skipUnchanged) {
+    ++still_;
+    return kStill;
+  }
+  changed = difference;
   return 1;
 }
 
@@ -186,21 +193,23 @@ int32_t EncodeSession::failLoading() {
 // What changed in the picture that was loaded last: fills changes_.list with what to send; returns
 // the number of changed macroblocks.
 int32_t EncodeSession::findChanges() {
-  const client::Picture picture = segment_.picture(cellOf(loaded_ - 1));
+  const client::Picture picture = segment_.picture(otherCell());
   if (loaded_ == 1 || options_.noRectangles) {
     changes_.list.assign(1, client::wholePicture(picture.width, picture.height));
     return macroblocks_;
   }
-  const int32_t changed = client::findChangedRectangles(segment_.picture(cellOf(loaded_)), picture,
+  const int32_t changed = client::findChangedRectangles(segment_.picture(cell_), picture,
                                                         client::maxRectangles(0), changes_);
   if (changes_.list.empty()) changes_.list.push_back(client::nothingChanged());
   return changed;
 }
 
+// The picture that was loaded last becomes the service's.
 int32_t EncodeSession::sendFrame(int32_t changed) {
-  if (changed == 0 && options_.skipUnchanged) return 0;
+  cell_ = otherCell();
+  changedInWork_ = changed;
   service::EncodeRequest request{};
-  segment_.place(cellOf(frames_), request);
+  segment_.place(cell_, request);
   for (int32_t stream = 0; stream < options_.streams; ++stream) {
     request.streamId = static_cast<uint8_t>(stream);
     if (client_.encode(request, changes_.list, {}) == -1) return failService();
@@ -208,18 +217,24 @@ int32_t EncodeSession::sendFrame(int32_t changed) {
   return 1;
 }
 
-int32_t EncodeSession::takeReplies(int32_t changed) {
-  if (client_.pendingReplies() == 0) ++skipped_;
+// 1, or 0 when they are not all there in time.
+int32_t EncodeSession::takeReplies(int32_t timeout) {
   while (client_.pendingReplies() > 0) {
-    if (takeReply(changed) == -1) return -1;
+    const int32_t taken = takeReply(timeout);
+    if (taken != 1) return taken;
+    if (client_.pendingReplies() > 0) continue;
+    changed_ += changedInWork_;
+    ++frames_;
   }
-  changed_ += changed;
-  ++frames_;
+  frames_ += still_;
+  skipped_ += still_;
+  still_ = 0;
   return 1;
 }
 
-int32_t EncodeSession::takeReply(int32_t changed) {
-  if (client_.readReply(reply_) == -1) return failService();
+int32_t EncodeSession::takeReply(int32_t timeout) {
+  const int32_t taken = client_.readReply(reply_, timeout);
+  if (taken != 1) return taken == 0 ? 0 : failService();
   const int32_t stream = reply_.streamId;
   FILE* output = outputs_[static_cast<size_t>(stream)].get();
   if (std::fwrite(reply_.frame.data(), 1, reply_.frame.size(), output) != reply_.frame.size()) {
@@ -236,7 +251,7 @@ int32_t EncodeSession::takeReply(int32_t changed) {
     std::fprintf(stats_.get(), "%d", fields.quantizer);
   }
   std::fprintf(stats_.get(), ",%u,%.3f,%d\n", client::encodeMilliseconds(fields),
-               static_cast<double>(reply_.roundTrip.count()) / 1000, changed);
+               static_cast<double>(reply_.roundTrip.count()) / 1000, changedInWork_);
   return 1;
 }
 

@@ -44,15 +44,15 @@ class EncodeSession {
   int32_t loadPicture(int32_t& changed);
   int32_t failLoading();
   int32_t sendFrame(int32_t changed);
-  int32_t takeReplies(int32_t changed);
-  int32_t takeReply(int32_t changed);
+  int32_t takeReplies(int32_t timeout);
+  int32_t takeReply(int32_t timeout);
   int32_t findChanges();
   int32_t stopService();
   int32_t closeOutputs();
   int32_t closeFile(File& file, const std::string& path);
   ProgressFigures figures() const;
   void printSummary() const;
-  int32_t cellOf(int64_t frame) const { return static_cast<int32_t>(frame % 2); }
+  int32_t otherCell() const { return 1 - cell_; }
 
   const EncodeOptions options_;
   std::string service_;
@@ -67,8 +67,11 @@ class EncodeSession {
   client::Reply reply_;
   ProgressLine progress_;
   Clock::time_point start_;
-  int64_t loaded_ = 0;  // pictures that were read
-  int64_t frames_ = 0;  // of those, encoded in all streams, or skipped
+  int32_t cell_ = 0;           // of the picture that was sent last
+  int32_t changedInWork_ = 0;  // macroblocks of that
+  int64_t loaded_ = 0;         // pictures that were read
+  int64_t still_ = 0;          // of those, behind the one in work, without a change
+  int64_t frames_ = 0;         // of those, encoded in all streams, or skipped
   int64_t skipped_ = 0;
   int64_t bytes_ = 0;
   int64_t changed_ = 0;      // macroblocks, summed over the frames
