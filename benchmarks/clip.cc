@@ -5,10 +5,12 @@
 
 namespace qora::bench {
 
-void encodeClip(const std::string& path, const TakeFrame& take) {
+void encodeClip(const std::string& path, int32_t firstTurn, const TakeFrame& take) {
   tools::ClipReader clip;
   if (clip.open(path, nullptr) == -1) giveUp(clip.problem());
-  SideBySide both({.width = clip.format().width, .height = clip.format().height});
+  const StreamShape shape = {.width = clip.format().width, .height = clip.format().height};
+  SideBySide both(shape, firstTurn);
+  BareService bare(shape, {both.picture(0), both.picture(1)});
   client::ChangedRectangles changes;
   for (int32_t frame = 0;; ++frame) {
     const client::Picture picture = both.picture(frame % 2);
@@ -23,22 +25,26 @@ void encodeClip(const std::string& path, const TakeFrame& take) {
                                               client::maxRectangles(0), changes);
       if (changes.list.empty()) changes.list.push_back(client::nothingChanged());
     }
-    take(both.encode(frame % 2, changes.list), changed);
+    const FrameCost cost = both.encode(frame % 2, changes.list);
+    take({cost, bare.overhead(frame % 2, changes.list), changed});
   }
 }
 
 ClipCost measureClip(const std::string& path) {
-  std::vector<double> overheads;
+  std::vector<double> overheads, bare;
   double service = 0;
   double floor = 0;
   pinToOneCpu();
-  encodeClip(path, [&](const FrameCost& cost, int32_t) {
-    overheads.push_back(cost.service - cost.floor);
-    service += cost.service;
-    floor += cost.floor;
-  });
+  for (int32_t run = 0; run < 4; ++run) {
+    encodeClip(path, run, [&](const ClipFrame& frame) {
+      overheads.push_back(frame.service - frame.encoder);
+      bare.push_back(frame.bare);
+      service += frame.service;
+      floor += frame.floor;
+    });
+  }
   unpin();
-  return {median(overheads), service / floor};
+  return {median(overheads), median(bare), service / floor};
 }
 
 }  // namespace qora::bench

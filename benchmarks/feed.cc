@@ -3,12 +3,14 @@
 // frames, seconds, p50 and p99 milliseconds a frame, CPU seconds, MiB of memory, bytes of OUTPUT.
 //
 // The pipe holds less than a picture, so an encoder takes the last bytes of one only after it is
-// done with the one before: the times between those are its times a frame. Memory is the highest
+// done with the one before: the times between those are its times a frame. The pipe is given the
+// clip's own pages, so that filling it takes no CPU from the encoder. Memory is the highest
 // of the program and its children together, shared pictures counted once.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -82,9 +84,10 @@ pid_t start(char* command[], int& input) {
   return child;
 }
 
-bool writeAll(int fd, std::string_view bytes) {
+bool giveAll(int fd, std::string_view bytes) {
   while (!bytes.empty()) {
-    const ssize_t count = write(fd, bytes.data(), bytes.size());
+    const iovec part = {const_cast<char*>(bytes.data()), bytes.size()};
+    const ssize_t count = vmsplice(fd, &part, 1, 0);
     if (count <= 0) return false;
     bytes.remove_prefix(static_cast<size_t>(count));
   }
@@ -129,7 +132,7 @@ int main(int argc, char* argv[]) {
   std::vector<double> times;
   auto last = begin;
   for (const std::string_view frame : frames) {
-    if (!writeAll(input, frame)) break;
+    if (!giveAll(input, frame)) break;
     const auto now = Clock::now();
     times.push_back(milliseconds(now - last));
     last = now;

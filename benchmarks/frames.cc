@@ -7,10 +7,11 @@
 int main(int argc, char* argv[]) {
   if (argc != 2) qora::bench::giveUp("usage: bench_frames CLIP.y4m");
   qora::bench::pinToOneCpu();
-  printf("frame,service_us,encoder_us,bytes,changed_macroblocks\n");
+  printf("frame,service_us,encoder_us,floor_us,bare_overhead_us,bytes,changed_macroblocks\n");
   int32_t frame = 0;
-  qora::bench::encodeClip(argv[1], [&](const qora::bench::FrameCost& cost, int32_t changed) {
-    printf("%d,%.1f,%.1f,%zu,%d\n", frame++, cost.service, cost.floor, cost.bytes, changed);
+  qora::bench::encodeClip(argv[1], 0, [&](const qora::bench::ClipFrame& cost) {
+    printf("%d,%.1f,%.1f,%.1f,%.1f,%zu,%d\n", frame++, cost.service, cost.encoder, cost.floor,
+           cost.bare, cost.bytes, cost.changed);
   });
   return 0;
 }

@@ -37,9 +37,9 @@ windows_of_typing() {
     -e bash -c take_keys
   xdotool search --onlyvisible --class Editor windowfocus --sync
 }
-# Six letters a second: somebody who types well.
+# Six letters a second: somebody who types well. xdotool waits for half of its delay.
 act_typing() {
-  xdotool type --delay 165 "$(head -c 400 docs/architecture.md)"
+  xdotool type --delay 330 "$(head -c 400 docs/architecture.md)"
 }
 
 windows_of_scrolling() {

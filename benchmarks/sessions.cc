@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <malloc.h>
+#include <sys/mman.h>
 #include <sys/shm.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,10 +15,13 @@
 #include <fstream>
 #include <random>
 
+#include "service/channel.h"
+
 namespace qora::bench {
 namespace {
 
 constexpr int32_t kCells = 2;
+constexpr int kPipeSize = 256 << 10;     // as the client has it
 constexpr int32_t kScriptedSide = 1024;  // of the picture that the scripted encoder never looks at
 
 service::AddStreamRequest addRequest(const StreamShape& shape, int32_t stream) {
@@ -37,6 +41,16 @@ void check(int32_t result, const char* what) {
 
 void startService(client::CodecClient& client) {
   check(client.start({.servicePath = SERVICE, .codecRoot = CODEC_ROOT}), "starting the service");
+}
+
+// Where the service's encoder library, told of the file, leaves the time of each frame.
+const double* shareTime(const std::string& path) {
+  const client::Descriptor file(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  if (ftruncate(file.get(), sizeof(double)) == -1) giveUp(path);
+  void* page = mmap(nullptr, sizeof(double), PROT_READ, MAP_SHARED, file.get(), 0);
+  if (page == MAP_FAILED) giveUp(path);
+  setenv("TIMED_ENCODER", path.c_str(), 1);
+  return static_cast<const double*>(page);
 }
 
 test::PictureView viewOf(const client::Picture& picture) {
@@ -111,9 +125,12 @@ void giveUp(const std::string& what) {
   exit(1);
 }
 
-SideBySide::SideBySide(const StreamShape& shape) {
+SideBySide::SideBySide(const StreamShape& shape, int32_t firstTurn)
+    : encoderTime_(shareTime(root_.path() + "/time")), turn_(firstTurn) {
   check(segment_.create(shape.width, shape.height, kCells), "making the segment");
+  setenv("LD_LIBRARY_PATH", TIMED_ENCODER_FOLDER, 1);
   startService(client_);
+  unsetenv("LD_LIBRARY_PATH");
   servicePid_ = onlyChild();
   check(client_.attachSegment(segment_.id()), "attaching the segment");
   for (int32_t stream = 0; stream < shape.streams; ++stream) {
@@ -146,9 +163,10 @@ double SideBySide::encodeHere(int32_t cell, const std::vector<service::Rectangle
 FrameCost SideBySide::encode(int32_t cell, const std::vector<service::Rectangle>& rectangles,
                              int32_t stream) {
   FrameCost cost{};
-  const bool floorFirst = ++calls_ % 2 == 0;
+  const bool floorFirst = turn_++ % 2 == 1;
   if (floorFirst) cost.floor = encodeHere(cell, rectangles, stream);
   cost.service = encodeInService(cell, rectangles, stream);
+  cost.encoder = *encoderTime_;
   if (!floorFirst) cost.floor = encodeHere(cell, rectangles, stream);
   cost.bytes = reply_.frame.size();
   return cost;
@@ -193,17 +211,17 @@ std::vector<service::Rectangle> redrawShare(const client::Picture& before,
   return list;
 }
 
-PipedProcess::PipedProcess(const std::string& program,
-                           const std::vector<std::string>& environment) {
+PipedProcess::PipedProcess(const std::function<void()>& body) {
   int in[2];
   int out[2];
   if (pipe2(in, O_CLOEXEC) == -1 || pipe2(out, O_CLOEXEC) == -1) giveUp("no pipe");
+  for (const int end : {in[0], out[0]}) fcntl(end, F_SETPIPE_SZ, kPipeSize);
   process_ = fork();
   if (process_ == 0) {
     dup2(in[0], STDIN_FILENO);
     dup2(out[1], STDOUT_FILENO);
-    for (const std::string& entry : environment) putenv(strdup(entry.c_str()));
-    execl(program.c_str(), program.c_str(), nullptr);
+    for (const int end : {in[0], in[1], out[0], out[1]}) close(end);
+    body();
     _exit(127);
   }
   close(in[0]);
@@ -211,6 +229,12 @@ PipedProcess::PipedProcess(const std::string& program,
   input_.reset(in[1]);
   output_.reset(out[0]);
 }
+
+PipedProcess::PipedProcess(const std::string& program, const std::vector<std::string>& environment)
+    : PipedProcess([&] {
+        for (const std::string& entry : environment) putenv(strdup(entry.c_str()));
+        execl(program.c_str(), program.c_str(), nullptr);
+      }) {}
 
 PipedProcess::~PipedProcess() {
   input_.reset();
@@ -226,12 +250,60 @@ void PipedProcess::write(const test::Bytes& bytes) {
   }
 }
 
-void PipedProcess::read(test::Bytes& bytes) {
-  for (size_t done = 0; done < bytes.size();) {
-    const ssize_t count = ::read(output_.get(), bytes.data() + done, bytes.size() - done);
+void PipedProcess::read(void* bytes, size_t size) {
+  for (size_t done = 0; done < size;) {
+    const ssize_t count = ::read(output_.get(), static_cast<uint8_t*>(bytes) + done, size - done);
     if (count <= 0) giveUp("a process gives no reply");
     done += static_cast<size_t>(count);
   }
+}
+
+namespace {
+
+struct BareReply {
+  double encoderTime;
+  size_t size;  // of the coded frame behind it
+};
+
+}  // namespace
+
+BareService::BareService(const StreamShape& shape, const client::Picture (&cells)[2])
+    : child_([&] { serve(shape, cells); }) {}
+
+// In the child, up to the end of its input. A command is a cell's number and rectangles.
+void BareService::serve(const StreamShape& shape, const client::Picture (&cells)[2]) {
+  test::DirectEncoder encoder(addRequest(shape, 0));
+  test::FrameHints hints;
+  message_.resize(service::kMaxMessageSize);
+  for (ssize_t size; (size = ::read(STDIN_FILENO, message_.data(), message_.size())) > 0;) {
+    hints.rectangles.clear();
+    for (ssize_t at = 1; at < size; at += service::kRectangleSize) {
+      hints.rectangles.push_back(service::parseRectangle(&message_[static_cast<size_t>(at)]));
+    }
+    const auto coded = encoder.encodeView(viewOf(cells[message_[0]]), hints);
+    const BareReply reply = {microseconds(encoder.encoderTime()), coded.size()};
+    const int32_t sent =
+        service::writeChannelPair(STDOUT_FILENO, reinterpret_cast<const uint8_t*>(&reply),
+                                  sizeof reply, coded.data(), static_cast<int32_t>(coded.size()));
+    if (sent == -1) return;
+  }
+}
+
+double BareService::overhead(int32_t cell, const std::vector<service::Rectangle>& rectangles) {
+  const auto start = Clock::now();
+  message_.resize(1 + rectangles.size() * service::kRectangleSize);
+  message_[0] = static_cast<uint8_t>(cell);
+  uint8_t* out = &message_[1];
+  for (const auto& rectangle : rectangles) {
+    service::buildRectangle(rectangle, out);
+    out += service::kRectangleSize;
+  }
+  child_.write(message_);
+  BareReply reply;
+  child_.read(&reply, sizeof reply);
+  reply_.resize(reply.size);
+  child_.read(reply_.data(), reply_.size());
+  return microseconds(Clock::now() - start) - reply.encoderTime;
 }
 
 ScriptedPair::ScriptedPair(int32_t rectangles, int32_t replyBytes)
@@ -254,7 +326,7 @@ ScriptedPair::ScriptedPair(int32_t rectangles, int32_t replyBytes)
 
 void ScriptedPair::call(PipedProcess& process) {
   process.write(message_);
-  process.read(reply_);
+  process.read(reply_.data(), reply_.size());
 }
 
 double firstReplyOfService(const StreamShape& shape) {

@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -30,17 +31,38 @@ struct StreamShape {
 // One frame, encoded both ways; microseconds.
 struct FrameCost {
   double service;  // from the call of encode() until the reply was taken
-  double floor;    // the encoder's own function in this process, nothing else
+  double encoder;  // of that, the encoder's own function in the service
+  double floor;    // the same function in this process, nothing else
   size_t bytes;    // of the coded frame
+};
+
+// A child behind two plain pipes, which runs `body` with them as its standard input and output.
+class PipedProcess {
+ public:
+  explicit PipedProcess(const std::function<void()>& body);
+  // A program, with extra environment entries ("NAME=value").
+  PipedProcess(const std::string& program, const std::vector<std::string>& environment);
+  ~PipedProcess();
+  PipedProcess(const PipedProcess&) = delete;
+  PipedProcess& operator=(const PipedProcess&) = delete;
+
+  void write(const test::Bytes& bytes);
+  void read(void* bytes, size_t size);  // all of it
+
+ private:
+  pid_t process_;
+  client::Descriptor input_;
+  client::Descriptor output_;
 };
 
 // Real streams in the service and the same in this process, over the same two picture cells.
 class SideBySide {
  public:
-  explicit SideBySide(const StreamShape& shape);
+  explicit SideBySide(const StreamShape& shape, int32_t firstTurn = 0);
 
   client::Picture picture(int32_t cell) const { return segment_.picture(cell); }
-  // Encodes a cell in both; every second call the floor goes first.
+  // Encodes a cell in both. The one that goes second finds the picture in the caches: at even turns
+  // the floor.
   FrameCost encode(int32_t cell, const std::vector<service::Rectangle>& rectangles,
                    int32_t stream = 0);
   const client::Reply& lastReply() const { return reply_; }
@@ -52,13 +74,31 @@ class SideBySide {
   double encodeHere(int32_t cell, const std::vector<service::Rectangle>& rectangles,
                     int32_t stream);
 
+  const test::TemporaryRoot root_;
+  const double* encoderTime_;  // in microseconds, of the service's last frame
   client::FrameSegment segment_;
   client::CodecClient client_;
   std::vector<std::unique_ptr<test::DirectEncoder>> direct_;
   test::FrameHints hints_;
   client::Reply reply_;
   pid_t servicePid_ = -1;
-  int64_t calls_ = 0;
+  int64_t turn_;
+};
+
+// The encoder in a process of its own behind two plain pipes and nothing more: what a round trip
+// costs at least, when the encoder has just been through the caches.
+class BareService {
+ public:
+  BareService(const StreamShape& shape, const client::Picture (&cells)[2]);
+  // Encodes a cell. Microseconds of the round trip less the encoder's own function.
+  double overhead(int32_t cell, const std::vector<service::Rectangle>& rectangles);
+
+ private:
+  void serve(const StreamShape& shape, const client::Picture (&cells)[2]);
+
+  test::Bytes message_;
+  test::Bytes reply_;
+  PipedProcess child_;  // starts with what stands above
 };
 
 // A text-like picture in a cell, and another one with a share of its macroblocks drawn anew. The
@@ -67,23 +107,6 @@ void drawPicture(const client::Picture& picture);
 std::vector<service::Rectangle> redrawShare(const client::Picture& before,
                                             const client::Picture& after, double share,
                                             uint32_t seed);
-
-// A program behind two plain pipes, with extra environment entries ("NAME=value").
-class PipedProcess {
- public:
-  PipedProcess(const std::string& program, const std::vector<std::string>& environment);
-  ~PipedProcess();
-  PipedProcess(const PipedProcess&) = delete;
-  PipedProcess& operator=(const PipedProcess&) = delete;
-
-  void write(const test::Bytes& bytes);
-  void read(test::Bytes& bytes);  // all of its size
-
- private:
-  pid_t process_;
-  client::Descriptor input_;
-  client::Descriptor output_;
-};
 
 // The service over an encoder that returns at once, and a bare echo of the same sizes; both behind
 // the same plain pipes. A call is one round trip.
