@@ -62,7 +62,7 @@ class Session {
     EXPECT_EQ(client_.stop(), 1) << client_.endText();
     std::string text(65536, '\0');
     text.resize(static_cast<size_t>(pread(fileno(log_), text.data(), text.size(), 0)));
-    return test::stripTimePrefixes(text);
+    return test::replaceTimePrefixes(text, "");
   }
 
  private:

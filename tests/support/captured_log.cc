@@ -1,7 +1,7 @@
 #include "tests/support/captured_log.h"
 
-#include <cstdio>
 #include <iostream>
+#include <regex>
 
 namespace qora::test {
 
@@ -12,26 +12,16 @@ CapturedLog::~CapturedLog() {
   std::clog.clear();  // a null string may have left badbit behind
 }
 
-std::string CapturedLog::withoutPrefixes() const {
-  return stripTimePrefixes(buffer_.str());
-}
-
 std::string CapturedLog::take() {
   std::string text = buffer_.str();
   buffer_.str("");
   return text;
 }
 
-std::string stripTimePrefixes(const std::string& text) {
-  std::string out;
-  std::istringstream lines(text);
-  for (std::string line; std::getline(lines, line);) {
-    int length = 0;  // stays 0 unless the whole prefix is there
-    sscanf(line.c_str(), "%*d %*d %*2d:%*2d:%*2d %*3d.%*3d%n", &length);
-    out += length > 0 ? line.substr(static_cast<size_t>(length) + 1) : line;
-    if (!lines.eof()) out += '\n';
-  }
-  return out;
+std::string replaceTimePrefixes(const std::string& text, const std::string& by,
+                                const std::string& who) {
+  const std::regex prefix("^" + who + R"( \d\d:\d\d:\d\d \d{3}\.\d{3} )", std::regex::multiline);
+  return std::regex_replace(text, prefix, by);
 }
 
 }  // namespace qora::test

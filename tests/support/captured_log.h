@@ -4,9 +4,13 @@
 #include <sstream>
 #include <streambuf>
 #include <string>
-#include <vector>
 
 namespace qora::test {
+
+// `text` with every "<process id> <thread id> <HH:MM:SS mmm.mmm> " at a line's start replaced;
+// `who` is a pattern for the two ids.
+std::string replaceTimePrefixes(const std::string& text, const std::string& by,
+                                const std::string& who = "\\d+ \\d+");
 
 class CapturedLog {
  public:
@@ -15,18 +19,14 @@ class CapturedLog {
   CapturedLog(const CapturedLog&) = delete;
   CapturedLog& operator=(const CapturedLog&) = delete;
 
-  // All that was written so far, as it is, and the same line by line behind each time prefix.
-  std::string text() const { return buffer_.str(); }
-  std::string withoutPrefixes() const;
-  // The same as text(), which begins anew.
+  // All that was written so far, without time prefixes.
+  std::string withoutPrefixes() const { return replaceTimePrefixes(buffer_.str(), ""); }
+  // The same with them, and begins anew.
   std::string take();
 
  private:
   std::stringbuf buffer_;
   std::streambuf* previous_;
 };
-
-// `text` with every "<process id> <thread id> <HH:MM:SS mmm.mmm> " at a line's start taken away.
-std::string stripTimePrefixes(const std::string& text);
 
 }  // namespace qora::test

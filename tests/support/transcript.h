@@ -19,10 +19,9 @@
 // must equal the file. QORA_WRITE_TRANSCRIPTS=1 writes the file: a new case is a line with a call.
 // The file is what we want, not what we got: read it again before it is committed.
 //
-// Arguments are numbers, texts in quotes with C's escapes ("x"*1000 repeats one), null, names of
-// constants, or else variables: a slot where a text is asked for, a number where one is. A variable
-// that may change is shown behind the result, a slot without "=" when it has the same array and
-// text as before. What is left out at the end is 0 or null.
+// Arguments are numbers, texts in quotes (\n, other bytes as \x1f, "x"*1000 repeats one), null,
+// names of constants, or else variables: a slot where a text is asked for, a number where one is.
+// What is left out at the end is 0 or null.
 //
 // From a line "child" to "end" the calls are made in a child of the process. "nobody" is a child
 // that has no rights, "root" one that has them all and is skipped for want of these, "unsanitized"
@@ -33,7 +32,6 @@
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <memory>
 #include <ostream>
 #include <string>
 #include <string_view>
@@ -59,7 +57,7 @@ class Transcript {
 
   template <typename Callable>
   void add(const std::string& name, const Callable& callable) {
-    addOperation(name, bind(std::function(callable)));
+    operations_[name] = bind(std::function(callable));
   }
   template <typename... Callables>
   void addAll(std::string_view names, const Callables&... callables) {
@@ -74,15 +72,8 @@ class Transcript {
     std::string text;
     bool quoted;
   };
-  struct Shown {  // a variable, and the array and text of a slot before the call
-    std::string name;
-    const char* array;
-    std::string text;
-  };
-
   using Operation = std::function<void(Transcript&)>;
 
-  void addOperation(const std::string& name, Operation operation);
   static std::string nextName(std::string_view& names);
   template <typename Result, typename... Parameters>
   static Operation bind(std::function<Result(Parameters...)> function) {
@@ -93,34 +84,33 @@ class Transcript {
         std::apply(function, arguments);
         told.writeResult("", errno);
       } else {
-        Result result = std::apply(function, arguments);
+        auto&& result = std::apply(function, arguments);
         const int error = errno;
-        told.writeResult(' ' + textOf(result), looksFailed(result) ? error : 0);
+        told.writeResult(textOf(result), error);
       }
     };
   }
 
   template <typename Parameter>
   Parameter argument() {
-    const Word word = nextWord();
-    if constexpr (std::is_same_v<Parameter, char*&> || std::is_same_v<Parameter, char*>)
-      return slotToChange(word);
-    else if constexpr (std::is_same_v<Parameter, int32_t&>)
-      return numberToChange(word);
-    else if constexpr (std::is_same_v<Parameter, int32_t*>)
-      return &numberToChange(word);
+    const Word word = next_ < words_.size() ? words_[next_++] : Word{"null", false};
+    constexpr bool kNumber =
+        std::is_same_v<Parameter, int32_t&> || std::is_same_v<Parameter, int32_t*>;
+    if constexpr (kNumber || std::is_convertible_v<Parameter, char*>) changed_.push_back(word.text);
+    if constexpr (std::is_same_v<Parameter, int32_t*>)
+      return &numbers_[word.text];
+    else if constexpr (kNumber)
+      return numbers_[word.text];
+    else if constexpr (std::is_convertible_v<Parameter, char*>)
+      return slots_[word.text];
     else if constexpr (std::is_same_v<Parameter, const char*>)
-      return textOf(word);
+      return word.quoted ? words_[next_ - 1].text.c_str() : slots_[word.text];
     else if constexpr (std::is_pointer_v<Parameter>)
-      return reinterpret_cast<Parameter>(numberOf(word));
+      return reinterpret_cast<Parameter>(numberOf(word.text));
     else
-      return static_cast<Parameter>(numberOf(word));
+      return static_cast<Parameter>(numberOf(word.text));
   }
-  Word nextWord() { return next_ < words_.size() ? words_[next_++] : Word{"null", false}; }
-  char*& slotToChange(const Word& word);
-  int32_t& numberToChange(const Word& word);
-  const char* textOf(const Word& word);
-  int64_t numberOf(const Word& word);
+  int64_t numberOf(const std::string& text);
 
   template <typename Value>
   static std::string textOf(const Value& value) {
@@ -137,23 +127,12 @@ class Transcript {
     else
       return std::to_string(value);
   }
-  template <typename Value>
-  static bool looksFailed(const Value& value) {
-    if constexpr (std::is_pointer_v<Value> || requires { value.get(); })
-      return value == nullptr;
-    else if constexpr (std::is_convertible_v<const Value*, const std::ostream*>)
-      return !value.good();
-    else if constexpr (std::is_arithmetic_v<Value> && !std::is_same_v<Value, bool>)
-      return value == 0 || value == static_cast<Value>(-1);
-    else
-      return false;
-  }
   static std::string quoted(std::string_view text);
 
-  void runLines(size_t end);
-  void runChild(size_t end, bool drop);
+  void runLines();
+  void runBlock(const std::string& kind);
   void call(const std::string& line);
-  void writeResult(const std::string& result, int error);
+  void writeResult(std::string result, int error);
   void writeLog();
   void hideAll();
 
@@ -168,7 +147,7 @@ class Transcript {
   size_t line_ = 0;                 // the one to read next
   std::vector<Word> words_;         // of the present call
   size_t next_ = 0;
-  std::vector<Shown> shown_;  // what it is given to change
+  std::vector<std::string> changed_;  // variables that it may change
   CapturedLog log_;
   std::string text_;  // what came out so far
 };
