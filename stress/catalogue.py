@@ -4,6 +4,7 @@
 import pathlib
 import re
 import resource
+import struct
 
 import harness
 from harness import Segment, Service, attached, run
@@ -20,7 +21,7 @@ def pattern(template):
 class Case:
     def __init__(self, name):
         self.name, self.settings, self.first, self.send, self.lines = name, {}, "b''", "b''", []
-        self.status = None
+        self.status, self.replies = None, []
 
 
 def parse(text):
@@ -37,6 +38,8 @@ def parse(text):
                 setattr(cases[-1], word, rest)
             elif word == "status":
                 cases[-1].status = int(rest)
+            elif word == "reply":
+                cases[-1].replies.append(rest)
             else:
                 cases[-1].lines.append(line[2:])
             continue
@@ -96,6 +99,17 @@ def run_case(build, case, segment):
     return ending, [compute(line) for line in case.lines]
 
 
+def replies_of(output):
+    """Key frame, quantizer and payload of each reply, as the file writes them; times are left out."""
+    replies = []
+    while output:
+        size, kind, key, quantizer, zero, length, start, end = struct.unpack("<IBBBBIII", output[:20])
+        payload, output = output[20:20 + length], output[20 + length:]
+        sound = (size, kind, zero) == (20, 5, 0) and 0 <= end - start < harness.HANG * 1000
+        replies.append(f"{key} {quantizer} {payload.decode(errors='replace')}" if sound else "odd")
+    return replies
+
+
 def possible(case, build):
     """A sanitizer's own memory and threads do not go with faults and limits."""
     return not build.sanitized or not any(
@@ -114,9 +128,10 @@ def main():
             ending, expected = run_case(options.build, case, segment.id)
             same = len(expected) == len(ending.lines) and all(
                 pattern(wanted).fullmatch(line) for wanted, line in zip(expected, ending.lines))
+            same = same and (not case.replies or replies_of(ending.output) == case.replies)
             report.check(same and ending.status == case.status and attached(segment.id) == 0,
                          lambda: f"case {case.name}: {ending}\n  expected status {case.status}, "
-                                 f"lines {expected}")
+                                 f"lines {expected}\n  replies {replies_of(ending.output)}")
             seen |= {ending.status} | {listed.message(line) for line in ending.lines}
     if not options.build.sanitized:
         for entry in listed.messages + listed.statuses:

@@ -11,7 +11,16 @@
 
 namespace {
 
+using qora::encoder::FillParameters;
+
 bool everyBuildIsUnknown = false;
+bool noQuantizerIsKnown = false;
+FillParameters realFiller = nullptr;
+
+const FillParameters forgetQuantizer = [](auto... arguments) {
+  qora::encoder::encoderApi().x264_encoder_get_last_quantizer = nullptr;
+  return realFiller(arguments...);
+};
 
 struct End {
   const char* name;
@@ -35,6 +44,11 @@ constexpr End kEnds[] = {
        everyBuildIsUnknown = true;
        return qora::service::runService();
      }},
+    {"no quantizer",
+     [] {
+       noQuantizerIsKnown = true;
+       return qora::service::runService();
+     }},
     {"error file",
      [] {
        qora::logger().configurable = 1;
@@ -50,14 +64,15 @@ constexpr End kEnds[] = {
 }  // namespace
 
 // The linker sends the encoder layer's calls here, see CMakeLists.txt: a build that is probed but
-// has no layout cannot be had otherwise.
+// has no layout, and an encoder that does not tell its quantizer, cannot be had otherwise.
 extern "C" {
-qora::encoder::FillParameters realFillParametersFor(int32_t build) asm(
+FillParameters realFillParametersFor(int32_t build) asm(
     "__real__ZN4qora7encoder17fillParametersForEi");
-qora::encoder::FillParameters wrappedFillParametersFor(int32_t build) asm(
+FillParameters wrappedFillParametersFor(int32_t build) asm(
     "__wrap__ZN4qora7encoder17fillParametersForEi");
-qora::encoder::FillParameters wrappedFillParametersFor(int32_t build) {
-  return everyBuildIsUnknown ? nullptr : realFillParametersFor(build);
+FillParameters wrappedFillParametersFor(int32_t build) {
+  realFiller = everyBuildIsUnknown ? nullptr : realFillParametersFor(build);
+  return noQuantizerIsKnown ? forgetQuantizer : realFiller;
 }
 }
 
