@@ -38,13 +38,15 @@ struct FakeEncoder {
   uint8_t planes[2][64 * 64];
 };
 
+int32_t openEncoders = 0;
+
 // The size of the text.
 int32_t tell(FakeEncoder& encoder, const x264_picture_t& in, int32_t cells) {
   char* text = reinterpret_cast<char*>(encoder.payload);
   const auto& [type, count, stride, plane] = in.img;
-  int32_t size = sprintf(text, "%d invalidated; %d planes, type %d: %td %td, %d %d %d;",
-                         encoder.invalidated, count, type, plane[1] - plane[0], plane[2] - plane[0],
-                         stride[0], stride[1], stride[2]);
+  int32_t size = sprintf(text, "%d open, %d invalidated; %d planes, type %d: %td %td, %d %d %d;",
+                         openEncoders, encoder.invalidated, count, type, plane[1] - plane[0],
+                         plane[2] - plane[0], stride[0], stride[1], stride[2]);
   for (int32_t i = 0; i < cells; ++i) {
     size += sprintf(text + size, " %d:%g", in.prop.mb_info[i], in.prop.quant_offsets[i]);
   }
@@ -58,6 +60,7 @@ extern "C" {
 void* FAKE_OPEN(void*) {
   const bool fails = scripted("open", 1) == 0;
   result(0, fails);
+  openEncoders += fails ? 0 : 1;
   return fails ? nullptr : new (std::nothrow) FakeEncoder;
 }
 #ifdef FAKE_SECOND_OPEN
@@ -71,6 +74,7 @@ int x264_encoder_reconfig(void*, void*) {
 }
 void x264_encoder_close(void* encoder) {
   delete static_cast<FakeEncoder*>(encoder);
+  --openEncoders;
 }
 void x264_encoder_parameters(void*, void*) {}
 int x264_encoder_invalidate_reference(void* encoder, int64_t pts) {
