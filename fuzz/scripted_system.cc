@@ -219,6 +219,7 @@ void* __wrap_shmat(int id, const void*, int) {
     errno = fuzz::kScriptedError;
     return reinterpret_cast<void*>(-1);
   }
+  require(run.attached == 0, "two segments are attached at once");
   ++run.attached;
   return segmentMemory;
 }
@@ -265,7 +266,10 @@ Outcome runScripted(const std::vector<uint8_t>& input, const Script& script) {
   installEncoder();
   errno = 0;
   run.active = true;
-  if (setjmp(run.end) == 0) run.status = service::runService();
+  if (setjmp(run.end) == 0) {
+    run.status = service::runService();
+    require(run.attached == 0, "an orderly end leaves the segment attached");
+  }
   run.active = false;
 
   // What the end of the process would have taken along.
