@@ -10,11 +10,6 @@
 
 namespace qora::test {
 
-size_t Picture::offset(int32_t plane) const {
-  const size_t luma = static_cast<size_t>(width) * height;
-  return plane == 0 ? 0 : luma + (plane - 1) * luma / 4;
-}
-
 struct DirectEncoder::State {
   x264_t* encoder = nullptr;
   x264_picture_t in, out = {};
@@ -70,16 +65,6 @@ DirectEncoder::DirectEncoder(const service::AddStreamRequest& settings) : state_
 DirectEncoder::~DirectEncoder() {
   x264_encoder_close(state_->encoder);
   delete state_;
-}
-
-Bytes DirectEncoder::encode(const Picture& picture, const FrameHints& hints) {
-  PictureView view{};
-  for (int32_t plane = 0; plane < 3; ++plane) {
-    view.plane[plane] = picture.data.data() + picture.offset(plane);
-    view.stride[plane] = picture.stride(plane);
-  }
-  const auto coded = encodeView(view, hints);
-  return {coded.begin(), coded.end()};
 }
 
 std::span<const uint8_t> DirectEncoder::encodeView(const PictureView& picture,

@@ -22,15 +22,7 @@ struct FrameHints {
   uint8_t invalidate = 0;
 };
 
-// An I420 picture without padding.
-struct Picture {
-  int32_t width, height;
-  Bytes data;
-  size_t offset(int32_t plane) const;  // 0 Y, 1 U, 2 V
-  int32_t stride(int32_t plane) const { return plane == 0 ? width : width / 2; }
-};
-
-// The same by its planes, wherever they stand.
+// An I420 picture by its planes.
 struct PictureView {
   const uint8_t* plane[3];
   int32_t stride[3];
@@ -43,7 +35,6 @@ class DirectEncoder {
   DirectEncoder(const DirectEncoder&) = delete;
   DirectEncoder& operator=(const DirectEncoder&) = delete;
 
-  Bytes encode(const Picture& picture, const FrameHints& hints);
   // The coded bytes stay the encoder's and are good until the next call; empty: it failed.
   std::span<const uint8_t> encodeView(const PictureView& picture, const FrameHints& hints);
   // The picture that the next frame predicts from; null planes before the first.
