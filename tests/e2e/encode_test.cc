@@ -28,14 +28,8 @@ using test::FrameHints;
 
 AddStreamRequest stream(uint8_t id, int32_t width, int32_t height, uint16_t bitrate = 0,
                         uint8_t flags = kAnnexBFlag) {
-  return {.flags = flags,
-          .streamId = id,
-          .threads = 1,
-          .bitrate = bitrate,
-          .qpMin = 10,
-          .qpMax = 51,
-          .width = static_cast<uint16_t>(width),
-          .height = static_cast<uint16_t>(height)};
+  return {
+      flags, id, 1, bitrate, 10, 51, static_cast<uint16_t>(width), static_cast<uint16_t>(height)};
 }
 
 // Streams in the service and the same in this process, which must give the same bytes.

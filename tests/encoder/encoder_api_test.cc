@@ -6,7 +6,6 @@
 #include <string>
 
 #include "tests/support/captured_log.h"
-#include "tests/support/scoped_process_state.h"
 #include "tests/support/temporary_root.h"
 
 namespace qora::encoder {
@@ -16,7 +15,7 @@ namespace {
 TEST(EncoderApi, KnowsTheBuildAndItsFiller) {
   for (const int32_t build : {128, 129, 130, 132, 133, 135, 138, 142}) {
     SCOPED_TRACE(build);
-    test::ScopedProcessState state;
+    encoderApi() = {};
     test::CapturedLog log;
     const test::TemporaryRoot root(
         {{"lib/libx264.so", FAKE_ENCODERS "build_" + std::to_string(build) + ".so"}});

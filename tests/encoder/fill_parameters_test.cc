@@ -8,7 +8,6 @@
 
 #include "encoder/encoder_api.h"
 #include "tests/support/captured_log.h"
-#include "tests/support/scoped_process_state.h"
 
 namespace qora::encoder {
 namespace {
@@ -55,7 +54,7 @@ int32_t profileResult;
 class FillParameters : public testing::Test {
  protected:
   FillParameters() {
-    presetResult = profileResult = 0;
+    presetResult = profileResult = bitrateMode() = 0;
     encoderApi().x264_param_default_preset = [](x264_param_t*, const char* preset,
                                                 const char* tune) -> int32_t {
       return presetResult - strcmp(preset, "ultrafast") - strcmp(tune, "zerolatency");
@@ -70,7 +69,6 @@ class FillParameters : public testing::Test {
     return fillParametersFor(build)(&stream_, 3, 641, 479, 1, 11, 42, argumentByte);
   }
 
-  test::ScopedProcessState state_;
   EncoderStream stream_{};
 };
 

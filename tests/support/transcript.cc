@@ -12,9 +12,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <iostream>
-#include <regex>
-#include <sstream>
 
 namespace qora::test {
 namespace {
