@@ -152,13 +152,17 @@ TEST(Bridge, GivesWhatTheInstalledLibraryGives) {
 
 TEST(Bridge, SetsUpABlockAndRefusesOthers) {
   void* const null = nullptr;
-  Block block{kBridge}, painted{kBridge};
-  EXPECT_EQ(kBridge.call("x264_param_default_preset", block.data(), "ultrafast", "film"), 0);
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(kBridge.call<void*>("x264_encoder_open_142", painted.data()), nullptr);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "x264 bridge: x264_encoder_open_142: the parameter block was never set up with "
-            "x264_param_default_preset\n");
+  for (const auto& [name, size] : {std::pair("", 936), {"ultrafast", 15}, {"film", 55}}) {
+    Block block{kBridge};
+    EXPECT_EQ(kBridge.call("x264_param_default_preset", block.data(), "ultrafast", "film"), 0);
+    block.bytes.replace(block.bytes.find(name, 256), size, size, '!');  // a name without an end
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(kBridge.call<void*>("x264_encoder_open_142", block.data()), nullptr);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "x264 bridge: x264_encoder_open_142: the parameter block was never set up with "
+              "x264_param_default_preset\n")
+        << name;
+  }
   for (const char* name :
        {"x264_param_default_preset", "x264_param_apply_profile", "x264_encoder_reconfig",
         "x264_encoder_encode", "x264_encoder_invalidate_reference",
