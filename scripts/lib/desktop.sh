@@ -37,10 +37,11 @@ start() {
   set +m
 }
 
-# start_window CLASS COMMAND...: one after another, so that windows always lie in the same order.
+# start_window CLASS COMMAND...: one after another, so that windows always lie in the same order. A
+# user's very first window waits for the font cache, half a minute on a busy machine.
 start_window() {
   start "${@:2}"
-  timeout 20 xdotool search --sync --onlyvisible --class "$1" >/dev/null ||
+  timeout 60 xdotool search --sync --onlyvisible --class "$1" >/dev/null ||
     fail "no window of class $1 came up" "$work/$2.log"
 }
 
