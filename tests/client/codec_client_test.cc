@@ -124,6 +124,8 @@ TEST(CodecClientTest, GivesUpOnAServiceThatIsNoService) {
   expectError(EPROTO, nonsense.readReply(nonsense.reply));
   EXPECT_EQ(1, nonsense.stop());
   PeerClient hanging("hang");
+  ASSERT_EQ(1, hanging.encodeNothing());
+  for (const int32_t timeout : {0, 5}) EXPECT_EQ(0, hanging.readReply(hanging.reply, timeout));
   EXPECT_EQ(-1, hanging.stop(20));
   EXPECT_EQ("service did not end in time and was killed", hanging.endText());
   EXPECT_TRUE(noChildIsLeft());

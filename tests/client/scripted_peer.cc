@@ -5,7 +5,7 @@
 //   tell               answers with its QORA_SYSTEM and its open descriptors
 //   half N             begins an answer, then ends with status N
 //   garbage            answers with something else
-//   hang               does not end with its input
+//   hang               answers nothing, and does not end with its input
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -36,7 +36,7 @@ int main() {
     std::string body(static_cast<size_t>(head[0] + head[1] * 256 + head[2] * 65536 - 6), '\0');
     if (fread(body.data(), 1, body.size(), stdin) != body.size()) break;
     received.append(head, head + 6).append(body);
-    if (head[4] != 2) continue;
+    if (head[4] != 2 || verb == "hang") continue;
 
     const std::string frame = verb == "echo"   ? received
                               : verb == "tell" ? tellSurroundings()
