@@ -62,11 +62,13 @@ TEST(ByteOrder, ReadersAndWritersDifferOnAHostSetBigEndian) {
   setHostByteOrder(1);
   EXPECT_EQ(readUint32(bytes, 1), 0x03020506U);
   EXPECT_EQ(readUint16(bytes, 2), 0x0605);
+  EXPECT_EQ(readUint32(bytes, 0), 0x03020506U);
   for (const auto& [order, first] : {std::pair{0, 8}, {1, 8}, {2, 7}}) {
     writeUint16(0x0708, bytes, order);
     EXPECT_EQ(bytes[0], first) << order;
   }
-  EXPECT_EQ(hostByteOrder(), 1);
+  writeUint32(9, bytes, 0);
+  EXPECT_EQ(bytes[0] * 10 + hostByteOrder(), 91);
   setHostByteOrder(0);
 }
 
