@@ -37,8 +37,7 @@ start() {
   set +m
 }
 
-# start_window CLASS COMMAND...: one after another, so that windows always lie in the same order. A
-# user's very first window waits for the font cache, half a minute on a busy machine.
+# start_window CLASS COMMAND...: one after another, so that windows always lie in the same order.
 start_window() {
   start "${@:2}"
   timeout 60 xdotool search --sync --onlyvisible --class "$1" >/dev/null ||
@@ -47,12 +46,19 @@ start_window() {
 
 # start_screen WIDTH HEIGHT: an X server, for which DISPLAY is set, and a window manager.
 start_screen() {
+  local deadline=$((SECONDS + 60))
   # The server chooses a free display itself and tells its number once it is ready.
   rm -f "$work/display"
   mkfifo "$work/display"
   start Xvfb -displayfd 3 -screen 0 "$1x$2x24" -nolisten tcp -noreset 3<>"$work/display"
   read -r -t 20 number <"$work/display" || fail "no X server came up" "$work/Xvfb.log"
   export DISPLAY=:$number
-  start openbox --config-file /etc/xdg/openbox/rc.xml
+  # A window that comes while the window manager starts is never shown.
+  rm -f "$work/managed"
+  start openbox --config-file /etc/xdg/openbox/rc.xml --startup "touch '$work/managed'"
+  until [[ -e $work/managed ]]; do
+    ((SECONDS < deadline)) || fail "no window manager came up" "$work/openbox.log"
+    sleep 0.1
+  done
   xsetroot -solid '#46657c'
 }
