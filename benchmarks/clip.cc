@@ -1,7 +1,7 @@
 #include "benchmarks/clip.h"
 
-#include "client/changed_rectangles.h"
-#include "tools/clip_reader.h"
+#include "qora/client/changed_rectangles.h"
+#include "qora/tools/clip_reader.h"
 
 namespace qora::bench {
 

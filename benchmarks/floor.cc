@@ -5,8 +5,8 @@
 #include <vector>
 
 #include "benchmarks/sessions.h"
-#include "client/changed_rectangles.h"
-#include "tools/clip_reader.h"
+#include "qora/client/changed_rectangles.h"
+#include "qora/tools/clip_reader.h"
 
 int main(int argc, char* argv[]) {
   using namespace qora;

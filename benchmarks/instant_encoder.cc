@@ -2,7 +2,7 @@
 // environment variable INSTANT_BYTES says: what a round trip costs without an encoder.
 #include <cstdlib>
 
-#include "encoder/x264_abi.h"
+#include "qora/encoder/abi/x264_abi.h"
 
 namespace {
 

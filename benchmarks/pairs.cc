@@ -8,12 +8,12 @@
 #include <random>
 #include <utility>
 
-#include "base/logger.h"
-#include "base/string.h"
-#include "client/changed_rectangles.h"
-#include "service/macroblock_maps.h"
-#include "service/messages.h"
-#include "service/region_copy.h"
+#include "qora/base/logger.h"
+#include "qora/base/string.h"
+#include "qora/client/changed_rectangles.h"
+#include "qora/service/macroblock_maps.h"
+#include "qora/service/region_copy.h"
+#include "qora/service/wire/messages.h"
 
 namespace qora::bench {
 namespace {

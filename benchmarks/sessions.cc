@@ -15,7 +15,7 @@
 #include <fstream>
 #include <random>
 
-#include "service/channel.h"
+#include "qora/service/channel.h"
 
 namespace qora::bench {
 namespace {

@@ -11,9 +11,9 @@
 #include <vector>
 
 #include "benchmarks/timing.h"
-#include "checks/direct_encoder.h"
-#include "client/codec_client.h"
-#include "client/frame_segment.h"
+#include "qora/client/codec_client.h"
+#include "qora/client/frame_segment.h"
+#include "tests/support/direct_encoder.h"
 #include "tests/support/temporary_root.h"
 
 namespace qora::bench {

@@ -4,9 +4,9 @@
 #include <cstdio>
 #include <cstring>
 
-#include "client/changed_rectangles.h"
-#include "client/codec_client.h"
-#include "client/frame_segment.h"
+#include "qora/client/changed_rectangles.h"
+#include "qora/client/codec_client.h"
+#include "qora/client/frame_segment.h"
 
 using namespace qora;
 

@@ -13,13 +13,13 @@
 #include <regex>
 #include <thread>
 
-#include "base/error_reports.h"
-#include "base/file.h"
-#include "base/library.h"
-#include "base/mutex.h"
-#include "base/process.h"
-#include "base/signal.h"
-#include "base/string.h"
+#include "qora/base/error_reports.h"
+#include "qora/base/file.h"
+#include "qora/base/library.h"
+#include "qora/base/mutex.h"
+#include "qora/base/process.h"
+#include "qora/base/signal.h"
+#include "qora/base/string.h"
 #include "tests/base/operations.h"
 #include "tests/support/temporary_root.h"
 

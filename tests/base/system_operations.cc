@@ -10,8 +10,8 @@
 #include <iostream>
 #include <regex>
 
-#include "base/process.h"
-#include "base/socket.h"
+#include "qora/base/process.h"
+#include "qora/base/socket.h"
 #include "tests/base/operations.h"
 
 namespace qora {

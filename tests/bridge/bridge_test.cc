@@ -5,7 +5,7 @@
 
 #include <algorithm>
 
-#include "encoder/param_layout.h"
+#include "qora/encoder/abi/param_layout.h"
 #include "tests/support/table.h"
 #include "tests/support/temporary_root.h"
 

@@ -1,4 +1,4 @@
-#include "client/changed_rectangles.h"
+#include "qora/client/changed_rectangles.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "client/codec_client.h"
+#include "qora/client/codec_client.h"
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -9,7 +9,7 @@
 #include <cstdlib>
 #include <vector>
 
-#include "client/service_end.h"
+#include "qora/client/service_end.h"
 
 namespace qora::client {
 namespace {

@@ -1,4 +1,4 @@
-#include "client/frame_segment.h"
+#include "qora/client/frame_segment.h"
 
 #include <gtest/gtest.h>
 #include <sys/shm.h>

@@ -14,7 +14,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "service/messages.h"
+#include "qora/service/wire/messages.h"
 
 static std::string tellSurroundings() {
   std::string text = getenv("QORA_SYSTEM");

@@ -1,10 +1,10 @@
 #include <gtest/gtest.h>
 
+#include "qora/tools/encode_options.h"
+#include "qora/tools/encode_session.h"
+#include "qora/tools/progress.h"
+#include "qora/tools/y4m.h"
 #include "tests/support/table.h"
-#include "tools/encode_options.h"
-#include "tools/encode_session.h"
-#include "tools/progress.h"
-#include "tools/y4m.h"
 
 namespace qora::tools {
 namespace {

@@ -12,11 +12,11 @@
 #include <string>
 #include <vector>
 
-#include "checks/direct_encoder.h"
-#include "client/codec_client.h"
-#include "client/frame_segment.h"
-#include "service/byte_order.h"
+#include "qora/client/codec_client.h"
+#include "qora/client/frame_segment.h"
+#include "qora/service/wire/byte_order.h"
 #include "tests/support/captured_log.h"
+#include "tests/support/direct_encoder.h"
 #include "tests/support/temporary_root.h"
 
 namespace qora::service {

@@ -1,4 +1,4 @@
-#include "encoder/encoder_api.h"
+#include "qora/encoder/encoder_api.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "encoder/fill_parameters.h"
+#include "qora/encoder/fill_parameters.h"
 
 #include <gtest/gtest.h>
 
@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "encoder/encoder_api.h"
+#include "qora/encoder/encoder_api.h"
 #include "tests/support/captured_log.h"
 
 namespace qora::encoder {

@@ -13,7 +13,7 @@
 #include <cstring>
 #include <new>
 
-#include "encoder/x264_abi.h"
+#include "qora/encoder/abi/x264_abi.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "service/channel.h"
+#include "qora/service/channel.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>

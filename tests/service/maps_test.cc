@@ -2,7 +2,7 @@
 
 #include <vector>
 
-#include "service/macroblock_maps.h"
+#include "qora/service/macroblock_maps.h"
 
 namespace qora::service {
 namespace {

@@ -1,10 +1,10 @@
-#include "service/messages.h"
+#include "qora/service/wire/messages.h"
 
 #include <gtest/gtest.h>
 
 #include <vector>
 
-#include "service/byte_order.h"
+#include "qora/service/wire/byte_order.h"
 
 namespace qora::service {
 namespace {

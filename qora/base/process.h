@@ -1,0 +1,154 @@
+// qora/base/process.h -- This process and others: status, priority, identity, start.
+//
+// Failures stand on the log stream, one line telling what failed and one telling errno, and leave
+// errno as the failing call set it.
+#pragma once
+
+#include <grp.h>
+#include <pwd.h>
+#include <sys/types.h>
+
+#include <cstdint>
+
+#include "qora/base/options.h"
+
+namespace qora::process {
+
+// --- status (process_status.cc) ---
+
+// Sends SIGKILL to this process and waits for its end.
+[[noreturn]] void killSelf();
+
+// 1 when the process takes signals from this one, 0 when there is none of that id, or -1 (EPERM: it
+// is another user's). The second name is the same.
+[[nodiscard]] int32_t isProcessAlive(pid_t process);
+[[nodiscard]] int32_t isAlive(pid_t process);
+
+// What a status of the wait calls tells. Tests give 1 or 0; a signal's number or name means
+// something only when its test gives 1.
+int32_t exitedNormally(int32_t status);
+int32_t exitStatus(int32_t status);
+int32_t killedBySignal(int32_t status);
+int32_t terminationSignal(int32_t status);
+const char* terminationSignalName(int32_t status);
+int32_t stoppedBySignal(int32_t status);
+int32_t stopSignal(int32_t status);
+const char* stopSignalName(int32_t status);
+
+// One number for how a process ended: its exit status, or 4 when a signal killed it. Any other
+// status comes back unchanged behind a warning.
+int32_t exitCode(int32_t status);
+
+// Priority classes, understood wherever a niceness value is.
+constexpr int32_t kLowestPriority = 100;   // niceness 19
+constexpr int32_t kNormalPriority = 101;   // 0
+constexpr int32_t kHighPriority = 102;     // -10
+constexpr int32_t kHighestPriority = 103;  // -20
+
+// The niceness of a priority class; any other value is a niceness already.
+int32_t mapPriority(int32_t value);
+
+// Gives this process the niceness or priority class. 1, or -1.
+int32_t setPriority(int32_t value);
+
+// Adds to the niceness of this process. 1, or -1.
+int32_t changePriority(int32_t increment);
+
+// --- names (process_status.cc) ---
+
+const char* defaultHostName();  // "localhost"
+// The variable HOSTNAME itself, not a copy, even when empty; the default name when it is not set.
+const char* hostName();
+// 1 for one of the names of the loopback host, else 0; names compare byte for byte.
+int32_t isLocalHostName(const char* name);
+
+// The variable TEMP, else TMP, whichever is set and not empty, else "/tmp". Not a copy.
+const char* temporaryDirectory();
+
+// A name that is new as far as thread and clock tell; no file is made or looked for. A null
+// directory means temporaryDirectory(), a null prefix "T-". An empty directory gives the bare name
+// behind a warning. Released with free; null when there is no memory.
+[[nodiscard]] char* temporaryName(const char* directory, const char* prefix);
+
+// --- identity (process_identity.cc) ---
+
+// Changes the user or group id as setuid and setgid do. 1, or -1.
+[[nodiscard]] int32_t setUserId(uid_t user);
+[[nodiscard]] int32_t setGroupId(gid_t group);
+
+// Looks a user or group up by name or id. 1: the record is filled and its texts stand in `scratch`,
+// an array that the caller deletes. -1 (ENOENT: unknown): `scratch` is null.
+[[nodiscard]] int32_t lookupUser(const char* name, passwd& record, char*& scratch);
+[[nodiscard]] int32_t lookupGroup(const char* name, group& record, char*& scratch);
+[[nodiscard]] int32_t lookupUserById(uid_t id, passwd& record, char*& scratch);
+[[nodiscard]] int32_t lookupGroupById(gid_t id, group& record, char*& scratch);
+
+// The id of a name, or -1.
+[[nodiscard]] int32_t userIdOf(const char* name);
+[[nodiscard]] int32_t groupIdOf(const char* name);
+// Puts the name of an id into the string slot. 1, or -1 with the slot as it was.
+[[nodiscard]] int32_t userNameOf(char*& slot, uid_t id);
+[[nodiscard]] int32_t groupNameOf(char*& slot, gid_t id);
+
+// --- parameter text (process_identity.cc): key=value items joined by "," ---
+
+// Inside a key or value "," "=" and the blank are stored as 0x1E, 0x1D and 0x1F. Both in place.
+void escapeParameter(char* text);
+void unescapeParameter(char* text);
+
+// 1 for a text without "=" and "," that is shorter than `limit` bytes, else -1; a blank passes.
+// Limit 0 means 1024, -1 any length.
+int32_t isValidParameterText(const char* text, int32_t limit);
+// 1 when the key passes with limit 0 and the value with `limit`, else -1.
+int32_t isValidParameter(const char* key, const char* value, int32_t limit);
+
+// The decimal number that the text begins with, or -1 when it begins with no digit or the number
+// does not fit.
+int32_t parseCount(const char* text);
+
+// 1 when the list item that begins at `position` is exactly the key, else 0; so a key that holds a
+// "," is never one.
+int32_t isItem(const char* position, const char* key);
+
+// string::replacePrefix; 0 also when the prefix or the replacement is null or empty.
+int32_t replaceParameterPrefix(char*& slot, const char* prefix, const char* replacement);
+
+using options::parseOption;
+
+// --- start (process_start.cc) ---
+
+// fork, while no other thread is inside an accessor of the logger; the child gets a fresh logger
+// mutex. 0 in the child, the child's process id in the parent, or -1 (nothing is logged).
+[[nodiscard]] pid_t forkProcess();
+
+// Runs the program at `path` in this process: with an environment exactly that file and those
+// variables, without (null) searched for in PATH and with the present variables. The count is not
+// used; `arguments` ends with null. Returns only on failure: -1.
+int32_t execProgram(const char* path, int32_t count, const char* const arguments[],
+                    const char* const environment[]);
+
+// Starts a program in a child process.
+//   unused          read by nobody.
+//   program         the path as execProgram takes it, then the arguments from the program's name
+//                   on, then null. Fewer than two entries: -1 with EINVAL.
+//   environment     as execProgram takes it.
+//   input, output,  become the child's descriptors 0, 1 and 2 and are closed there under their
+//   error           old numbers; -1 or that very number keeps the parent's. One descriptor may
+//                   serve several roles when each of them names it.
+//   priority        niceness or priority class of the child.
+//   keepPrivileges  0: the child gives up set-user and set-group privileges.
+// Returns the child's process id, to be waited for, or -1. The child logs nothing: a program that
+// cannot be run shows only in the exit status, which is then the errno of the exec.
+[[nodiscard]] pid_t createProcess(const void* unused, const char* const program[],
+                                  const char* const environment[], int32_t input, int32_t output,
+                                  int32_t error, int32_t priority, int32_t keepPrivileges);
+
+// Goes on as a daemon, in a new session without a terminal, with the same working directory and
+// descriptors. 1, or -1.
+[[nodiscard]] int32_t detachFromTerminal();
+
+// Ends a process that must not run the exit handlers, such as a forked child: those belong to the
+// parent, whose unwritten buffers the child shares.
+[[noreturn]] void endProcess(int32_t status);
+
+}  // namespace qora::process

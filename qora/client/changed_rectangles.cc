@@ -1,0 +1,162 @@
+#include "qora/client/changed_rectangles.h"
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
+namespace qora::client {
+namespace {
+
+int32_t cellsIn(int32_t pixels, int32_t cellSize) {
+  return (pixels + cellSize - 1) / cellSize;
+}
+
+// Stops at a row of macroblocks that is changed from end to end.
+void markRows(const Picture& before, const Picture& after, int32_t plane, int32_t macroblockRow,
+              uint8_t* changed) {
+  const int32_t blockSize = plane == 0 ? kMacroblockSize : kMacroblockSize / 2;
+  const int32_t bytes = planeWidth(after, plane);
+  const auto columns = static_cast<size_t>(cellsIn(after.width, kMacroblockSize));
+  const int32_t first = macroblockRow * blockSize;
+  const int32_t last = std::min(first + blockSize, planeHeight(after, plane));
+  for (int32_t y = first; y < last; ++y) {
+    const uint8_t* a = before.plane[plane] + static_cast<int64_t>(y) * before.stride[plane];
+    const uint8_t* b = after.plane[plane] + static_cast<int64_t>(y) * after.stride[plane];
+    markDifferentBlocks(a, b, bytes, blockSize, changed);
+    if (std::memchr(changed, 0, columns) == nullptr) return;
+  }
+}
+
+#if defined(__SSE2__)
+
+// A bit a byte: 1 where 16 bytes differ.
+int differences(const uint8_t* before, const uint8_t* after) {
+  const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(before));
+  const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(after));
+  return _mm_movemask_epi8(_mm_cmpeq_epi8(a, b)) ^ 0xFFFF;
+}
+
+// Whether 64 bytes are equal.
+bool areEqual(const uint8_t* before, const uint8_t* after) {
+  __m128i all = _mm_set1_epi8(-1);
+  for (int32_t at = 0; at < 64; at += 16) {
+    const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(before + at));
+    const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(after + at));
+    all = _mm_and_si128(all, _mm_cmpeq_epi8(a, b));
+  }
+  return _mm_movemask_epi8(all) == 0xFFFF;
+}
+
+#endif
+
+}  // namespace
+
+void markDifferentBlocksPlain(const uint8_t* before, const uint8_t* after, int32_t bytes,
+                              int32_t blockSize, uint8_t* changed) {
+  for (int32_t i = 0; i < bytes; ++i) {
+    if (before[i] != after[i]) changed[i / blockSize] = 1;
+  }
+}
+
+void markDifferentBlocks(const uint8_t* before, const uint8_t* after, int32_t bytes,
+                         int32_t blockSize, uint8_t* changed) {
+  int32_t done = 0;
+#if defined(__SSE2__)
+  while (bytes - done >= 16) {
+    // Most of a desktop is equal to what was there before, so four steps are tried as one.
+    if (bytes - done >= 64 && areEqual(before + done, after + done)) {
+      done += 64;
+      continue;
+    }
+    const int different = differences(before + done, after + done);
+    if (blockSize == 16) {
+      changed[done / 16] |= static_cast<uint8_t>(different != 0);
+    } else {
+      changed[done / 8] |= static_cast<uint8_t>((different & 0x00FF) != 0);
+      changed[done / 8 + 1] |= static_cast<uint8_t>((different & 0xFF00) != 0);
+    }
+    done += 16;
+  }
+#endif
+  // `done` is a multiple of both block sizes.
+  markDifferentBlocksPlain(before + done, after + done, bytes - done, blockSize,
+                           changed + done / blockSize);
+}
+
+int32_t mergeCells(const CellMap& map, int32_t width, int32_t height, int32_t limit,
+                   std::vector<service::Rectangle>& list) {
+  list.clear();
+  // By column: the rectangle that began there last, if any; it can grow if it reaches this row.
+  std::vector<int32_t> latest(static_cast<size_t>(map.columns), -1);
+  for (int32_t row = 0; row < map.rows; ++row) {
+    const uint8_t* cells = map.changed.data() + static_cast<ptrdiff_t>(row) * map.columns;
+    const int32_t y = row * map.cellSize;
+    const int32_t rowHeight = std::min(map.cellSize, height - y);
+    for (int32_t column = 0; column < map.columns; ++column) {
+      if (cells[column] == 0) continue;
+      const int32_t first = column;
+      while (column < map.columns && cells[column] != 0) ++column;
+      const int32_t x = first * map.cellSize;
+      const int32_t runWidth = std::min(column * map.cellSize, width) - x;
+
+      int32_t& above = latest[static_cast<size_t>(first)];
+      service::Rectangle* grown = above == -1 ? nullptr : &list[static_cast<size_t>(above)];
+      if (grown != nullptr && grown->width == runWidth && grown->y + grown->height == y) {
+        grown->height = static_cast<uint16_t>(grown->height + rowHeight);
+        continue;
+      }
+      if (static_cast<int32_t>(list.size()) == limit) return 0;
+      above = static_cast<int32_t>(list.size());
+      list.push_back({.quantizerOffset = 0,
+                      .x = static_cast<uint16_t>(x),
+                      .y = static_cast<uint16_t>(y),
+                      .width = static_cast<uint16_t>(runWidth),
+                      .height = static_cast<uint16_t>(rowHeight)});
+    }
+  }
+  return 1;
+}
+
+CellMap coarserMap(const CellMap& map) {
+  CellMap coarse{.columns = (map.columns + 1) / 2,
+                 .rows = (map.rows + 1) / 2,
+                 .cellSize = map.cellSize * 2,
+                 .changed = {}};
+  coarse.changed.resize(static_cast<size_t>(coarse.columns) * static_cast<size_t>(coarse.rows));
+  for (int32_t row = 0; row < map.rows; ++row) {
+    for (int32_t column = 0; column < map.columns; ++column) {
+      coarse.changed[static_cast<size_t>(row / 2 * coarse.columns + column / 2)] |=
+          map.changed[static_cast<size_t>(row * map.columns + column)];
+    }
+  }
+  return coarse;
+}
+
+int32_t findChangedRectangles(const Picture& before, const Picture& after, int32_t limit,
+                              ChangedRectangles& changes) {
+  CellMap map{.columns = cellsIn(after.width, kMacroblockSize),
+              .rows = cellsIn(after.height, kMacroblockSize),
+              .cellSize = kMacroblockSize,
+              .changed = std::move(changes.map)};
+  map.changed.assign(static_cast<size_t>(map.columns) * static_cast<size_t>(map.rows), 0);
+  for (int32_t row = 0; row < map.rows; ++row) {
+    uint8_t* changed = map.changed.data() + static_cast<ptrdiff_t>(row) * map.columns;
+    for (int32_t plane = 0; plane < 3; ++plane) markRows(before, after, plane, row, changed);
+  }
+
+  if (mergeCells(map, after.width, after.height, limit, changes.list) == 0) {
+    CellMap coarse = coarserMap(map);
+    // Ends at the latest with one cell over the whole picture.
+    while (mergeCells(coarse, after.width, after.height, limit, changes.list) == 0) {
+      coarse = coarserMap(coarse);
+    }
+  }
+  changes.map = std::move(map.changed);
+  return static_cast<int32_t>(std::count(changes.map.begin(), changes.map.end(), 1));
+}
+
+}  // namespace qora::client

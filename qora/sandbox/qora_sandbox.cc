@@ -1,0 +1,34 @@
+// qora-sandbox -- Runs a program under the service's system call filter:
+//     qora-sandbox PROGRAM [ARGUMENT...]
+// PROGRAM is not searched for. It takes this process over, so its process id, its descriptors and
+// its end are what the caller of qora-sandbox sees. A start that fails is told on standard error
+// and is the errno as exit status.
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "qora/sandbox/call_filter.h"
+
+namespace {
+
+int fail(const char* what) {
+  const int error = errno;
+  std::fprintf(stderr, "qora-sandbox: %s: %s\n", what, std::strerror(error));
+  return error;
+}
+
+}  // namespace
+
+int main(int argc, char* argv[]) {
+  if (argc < 2) {
+    errno = EINVAL;
+    return fail("usage: qora-sandbox PROGRAM [ARGUMENT...]");
+  }
+  const qora::sandbox::ProgramStart start = {argv[1], argv + 1, environ};
+  if (qora::sandbox::installCallFilter(start) == -1) return fail("the filter cannot be installed");
+  ::execve(start.path, start.arguments, start.environment);
+  return fail(start.path);
+}

@@ -1,0 +1,5 @@
+#include "qora/service/loop.h"
+
+int main() {
+  return qora::service::runService();
+}

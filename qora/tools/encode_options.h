@@ -1,0 +1,37 @@
+// qora/tools/encode_options.h -- The command line of qora-encode.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace qora::tools {
+
+struct EncodeOptions {
+  std::string input;   // "-": standard input
+  std::string output;  // of stream 0, see outputPath()
+  int32_t width = 0;   // of a raw clip; 0: the clip is Y4M
+  int32_t height = 0;
+  int32_t bitrate = 0;  // kbit/s at the clip's rate; 0: constant quality
+  int32_t qpMin = 0;    // quantizer limits, used with a bitrate
+  int32_t qpMax = 51;
+  int32_t threads = 0;  // 0: the encoder decides
+  int32_t streams = 1;  // how often the clip is encoded, side by side
+  int32_t frames = 0;   // stop behind so many; 0: the whole clip
+  bool noRectangles = false;
+  bool skipUnchanged = false;  // pictures in which nothing changed are not encoded
+  bool quiet = false;
+  bool sandbox = false;   // the service gets the system calls that it needs and no others
+  std::string stats;      // a CSV file; empty: none
+  std::string service;    // empty: found beside our own program
+  std::string codecRoot;  // empty: QORA_SYSTEM, or found beside our own program
+};
+
+// 1: go on with `options`. 0: the user asked for `text`, the help or the version. -1: `text` says
+// what is wrong with the command line.
+int32_t parseEncodeOptions(int argc, char* const argv[], EncodeOptions& options, std::string& text);
+
+// Where a stream's coded bytes go: stream 0 to `output` itself, the others with their number before
+// the suffix: "clip.264", "clip.1.264", "clip.2.264".
+std::string outputPath(const std::string& output, int32_t stream);
+
+}  // namespace qora::tools

@@ -1,0 +1,40 @@
+// qora/tools/progress.h -- How far an encode has come, told on a terminal.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+
+namespace qora::tools {
+
+struct ProgressFigures {
+  int64_t frames = 0;     // done
+  int64_t total = -1;     // -1: not known
+  int64_t bytes = 0;      // coded, all streams together
+  double seconds = 0;     // since the start
+  double frameRate = 25;  // of the clip, frames a second
+};
+
+// "[12.3%] 37/300 frames, 58.10 fps, 1234.56 kb/s, eta 0:00:05"; without a known total
+// "37 frames, 58.10 fps, 1234.56 kb/s".
+std::string progressText(const ProgressFigures& figures);
+
+// One line on standard error that is written over, a few times a second.
+class ProgressLine {
+ public:
+  explicit ProgressLine(bool shown) : shown_(shown) {}
+  ~ProgressLine() { clear(); }
+  ProgressLine(const ProgressLine&) = delete;
+  ProgressLine& operator=(const ProgressLine&) = delete;
+
+  void update(const ProgressFigures& figures);
+  // Takes the line away, before anything else is written.
+  void clear();
+
+ private:
+  bool shown_;
+  size_t width_ = 0;  // characters on the terminal now
+  std::chrono::steady_clock::time_point next_{};
+};
+
+}  // namespace qora::tools

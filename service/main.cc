@@ -1,5 +1,0 @@
-#include "service/loop.h"
-
-int main() {
-  return qora::service::runService();
-}

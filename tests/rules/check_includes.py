@@ -1,0 +1,119 @@
+#!/usr/bin/env python3
+"""Holds the include rules: which layer may include what, and the arrows inside base/.
+
+Usage: tests/rules/check_includes.py [ROOT]
+Prints one line for each include that breaks a rule and ends with status 1 if there is any.
+"""
+
+import fnmatch
+import pathlib
+import re
+import sys
+
+# What the files of a layer may include; '*' crosses folders.
+LAYERS = {
+    "base": ["qora/base/*"],
+    "encoder/abi": ["qora/encoder/abi/*"],
+    "encoder": ["qora/base/*", "qora/encoder/*"],
+    "service/wire": ["qora/service/wire/*"],
+    "service": ["qora/base/*", "qora/encoder/*", "qora/service/*"],
+    # Not base: the bridge is loaded into our own process and must not bring a second copy along.
+    "bridge": ["qora/encoder/abi/*", "qora/bridge/*"],
+    "client": ["qora/base/*", "qora/service/wire/*", "qora/client/*"],
+    "sandbox": ["qora/sandbox/*"],
+    "tools": ["qora/base/*", "qora/client/*", "qora/tools/*"],
+}
+
+# The library's own header fixes one API build; everybody else lives by encoder/abi/x264_abi.h.
+X264_HEADER_USERS = [
+    "qora/bridge/installed_encoder.cc",
+    "tests/bridge/*",
+    "tests/support/direct_encoder.cc",
+]
+
+# Inside base/, by family: a file belongs to the longest family that its name begins with. Each
+# arrow is in use; one that no file needs any more is reported, so the table stays the truth.
+BASE_ARROWS = {
+    "keep_errno": [],
+    "logger": ["file", "keep_errno", "mutex"],
+    "error_names": ["logger"],
+    "error_reports": ["logger"],
+    "file": ["keep_errno", "logger", "socket"],
+    "library": ["logger"],
+    "mutex": ["logger"],
+    "options": [],
+    "process": ["keep_errno", "logger", "mutex", "options", "signal", "string"],
+    "signal": ["keep_errno", "logger"],
+    "socket": ["keep_errno", "logger", "string"],
+    "string": ["logger"],
+}
+
+INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]', re.MULTILINE)
+
+
+def matches(path, patterns):
+    return any(fnmatch.fnmatch(path, pattern) for pattern in patterns)
+
+
+def base_family(path):
+    """The family of a file in base/, or None when the table has no such family."""
+    stem = pathlib.PurePath(path).stem
+    fitting = [name for name in BASE_ARROWS if stem == name or stem.startswith(name + "_")]
+    return max(fitting, key=len, default=None)
+
+
+def layer_of(path):
+    """The layer of a file below qora/; None for tests and benchmarks, which may include all."""
+    parts = pathlib.PurePath(path).parts
+    if parts[0] != "qora":
+        return None
+    nested = "/".join(parts[1:3])
+    return nested if nested in LAYERS else parts[1]
+
+
+def broken_rule(root, path, bracket, target, used_arrows):
+    """Why the include of `target` in `path` is wrong; None when it is fine."""
+    layer = layer_of(path)
+    if pathlib.PurePath(target).name == "x264.h":
+        return None if matches(path, X264_HEADER_USERS) else "only the bridge knows this header"
+    if bracket == "<":
+        return "a file of ours, included as a system header" if (root / target).exists() else None
+    if not (root / target).is_file():
+        return "not a path from the root"
+    if layer and not matches(target, LAYERS[layer]):
+        return f"{layer}/ may not include it"
+    if layer == "base":
+        here, there = base_family(path), base_family(target)
+        if here is None or there is None:
+            return "a family that the table of arrows does not have"
+        used_arrows.add((here, there))
+        if here != there and there not in BASE_ARROWS[here]:
+            return f"no arrow from {here} to {there}"
+    return None
+
+
+def main():
+    root = pathlib.Path(sys.argv[1] if len(sys.argv) > 1 else pathlib.Path(__file__).parents[2])
+    complaints = []
+    used_arrows = set()
+    for house in ("qora", "tests", "benchmarks", "examples"):
+        for source in sorted((root / house).rglob("*")):
+            if source.suffix not in (".h", ".cc"):
+                continue
+            path = source.relative_to(root).as_posix()
+            text = source.read_text()
+            for found in INCLUDE.finditer(text):
+                reason = broken_rule(root, path, found[1], found[2], used_arrows)
+                if reason:
+                    line = text.count("\n", 0, found.start(1)) + 1
+                    complaints.append(f"{path}:{line}: {found[2]}: {reason}")
+    for here, arrows in BASE_ARROWS.items():
+        for there in arrows:
+            if (here, there) not in used_arrows:
+                complaints.append(f"the arrow from {here} to {there} is not used any more")
+    print("\n".join(complaints) or "every include keeps the rules")
+    return 1 if complaints else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
