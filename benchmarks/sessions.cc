@@ -45,7 +45,7 @@ void startService(client::CodecClient& client) {
 
 // Where the service's encoder library, told of the file, leaves the time of each frame.
 const double* shareTime(const std::string& path) {
-  const client::Descriptor file(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  const Descriptor file(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
   if (ftruncate(file.get(), sizeof(double)) == -1) giveUp(path);
   void* page = mmap(nullptr, sizeof(double), PROT_READ, MAP_SHARED, file.get(), 0);
   if (page == MAP_FAILED) giveUp(path);

@@ -51,8 +51,8 @@ class PipedProcess {
 
  private:
   pid_t process_;
-  client::Descriptor input_;
-  client::Descriptor output_;
+  Descriptor input_;
+  Descriptor output_;
 };
 
 // Real streams in the service and the same in this process, over the same two picture cells.

@@ -26,7 +26,7 @@
 #include <string>
 #include <vector>
 
-#include "qora/client/descriptor.h"
+#include "qora/base/descriptor.h"
 #include "qora/service/wire/messages.h"
 
 namespace qora::client {

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "qora/client/descriptor.h"
+#include "qora/base/descriptor.h"
 #include "qora/client/picture.h"
 #include "qora/tools/y4m.h"
 
@@ -56,7 +56,7 @@ class ClipReader {
   void takeAhead();
   void noteRead(size_t count);
 
-  client::Descriptor input_;
+  Descriptor input_;
   std::string name_;
   ClipFormat format_;
   bool y4m_ = false;

@@ -35,6 +35,7 @@ X264_HEADER_USERS = [
 # arrow is in use; one that no file needs any more is reported, so the table stays the truth.
 BASE_ARROWS = {
     "keep_errno": [],
+    "descriptor": ["keep_errno"],
     "logger": ["file", "keep_errno", "mutex"],
     "error_names": ["logger"],
     "error_reports": ["logger"],

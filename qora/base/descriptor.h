@@ -1,4 +1,4 @@
-// qora/client/descriptor.h -- A file descriptor that is closed with its owner.
+// qora/base/descriptor.h -- A file descriptor that is closed with its owner.
 #pragma once
 
 #include <unistd.h>
@@ -8,7 +8,7 @@
 
 #include "qora/base/keep_errno.h"
 
-namespace qora::client {
+namespace qora {
 
 class Descriptor {
  public:
@@ -32,4 +32,4 @@ class Descriptor {
   int32_t fd_ = -1;
 };
 
-}  // namespace qora::client
+}  // namespace qora
