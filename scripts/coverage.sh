@@ -7,7 +7,7 @@
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
-QORA_SKIP_SETUP=${QORA_SKIP_SETUP:-0} scripts/build.sh coverage
+scripts/build.sh coverage tests long
 build=build/coverage
 find "$build" -name '*.gcda' -delete
 # What makes system calls fail, or kills, may meet the calls that write the counts: what it loses is

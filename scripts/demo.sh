@@ -97,7 +97,7 @@ print_table() {
 }
 
 [[ -z $user_clip || -r $user_clip ]] || fail "cannot read $user_clip"
-scripts/build.sh release
+scripts/build.sh release demo
 mkdir -p demo
 
 if [[ -n $user_clip ]]; then

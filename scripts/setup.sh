@@ -1,56 +1,82 @@
 #!/usr/bin/env bash
-# Installs what building, testing and the demo need on Debian 12. This is the one list of packages.
-# Needs root or sudo only when something is missing; touches nothing, and no network, otherwise.
+# Usage: scripts/setup.sh [--list] [GROUP...]
+# Installs the Debian 12 packages of the groups (build and tools when none is named). This is the one
+# list of packages. Needs root or sudo only when something is missing; touches nothing, and no
+# network, otherwise. --list prints what is missing and installs nothing.
 set -euo pipefail
 
-build=(
-  g++ clang cmake ninja-build
-  pkg-config libseccomp-dev # the sandbox's filter
-  libx264-dev # the bridge is compiled against its header and drives its library
-)
-tests=(
-  libclang-rt-14-dev llvm-14 # the fuzzing engine; readable traces of what it finds
-  libgtest-dev libgmock-dev
-  clang-format-14 # other versions format differently
-  git python3     # format check, include check
-  ffmpeg          # decodes what was encoded
-  strace valgrind gnuplot-nox # stress/ and its plot
-  gcovr                        # scripts/coverage.sh
-  bubblewrap                   # a sandbox for the service
-  libavcodec-dev libavutil-dev # a decoder whose pictures can be changed
-)
-benchmarks=( # on the demo's desktop
-  libbenchmark-dev
-  x264 # what the service is compared with, beside ffmpeg
-  gnuplot-nox
-)
-demo=(
-  ffmpeg
-  xvfb openbox x11-xserver-utils # an X screen, its window manager and its background
-  xterm x11-apps procps          # the programs on it: a terminal, a clock, a calculator, top
-  fonts-dejavu-core
-  xdotool # moves windows and the pointer
+declare -rA groups=(
+  [build]="
+    g++ cmake ninja-build
+    libx264-dev" # the bridge is compiled against its header and drives its library
+  [tools]="
+    pkg-config
+    libseccomp-dev" # the sandbox's filter
+  [tests]="
+    pkg-config
+    libgtest-dev libgmock-dev python3-pytest
+    libavcodec-dev libavutil-dev
+    git strace bubblewrap"
+  [demo]="
+    ffmpeg
+    xvfb openbox x11-xserver-utils
+    xterm x11-apps procps fonts-dejavu-core
+    xdotool"
+  [ci]="clang clang-format-14"
+  [fuzz]="clang libclang-rt-14-dev llvm-14" # the fuzzing engine; readable traces of what it finds
+  [long]="valgrind gcovr"
+  [benchmarks]="libbenchmark-dev x264 ffmpeg gnuplot-nox"
 )
 
-wanted=("${build[@]}" "${tests[@]}" "${benchmarks[@]}" "${demo[@]}")
-installed=$(dpkg-query --show --showformat '<${Package} ${db:Status-Status}>' "${wanted[@]}" \
-  2>/dev/null || true)
-missing=()
-for package in "${wanted[@]}"; do
-  [[ $installed == *"<$package installed>"* ]] || missing+=("$package")
+list_only=0
+if [[ ${1:-} == --list ]]; then
+  list_only=1
+  shift
+fi
+wanted=()
+for group in "${@:-build}"; do
+  if [[ -z ${groups[$group]+known} ]]; then
+    echo "setup.sh: no group '$group'; there are: ${!groups[*]}" >&2
+    exit 2
+  fi
+  read -r -d '' -a packages <<<"${groups[$group]}" || true
+  wanted+=("${packages[@]}")
 done
+
+# find_missing: sets `missing` to what is wanted and not installed.
+find_missing() {
+  local installed package
+  installed=$(dpkg-query --show --showformat '<${Package} ${db:Status-Status}>' "${wanted[@]}" \
+    2>/dev/null || true)
+  missing=()
+  for package in "${wanted[@]}"; do
+    [[ $installed == *"<$package installed>"* ]] || missing+=("$package")
+  done
+}
+
+give_up() {
+  echo "setup.sh: $1; missing: ${missing[*]}" >&2
+  echo "setup.sh: as root: apt-get install --no-install-recommends ${missing[*]}" >&2
+  exit 1
+}
+
+find_missing
+if [[ $list_only == 1 ]]; then
+  [[ ${#missing[@]} -eq 0 ]] || printf '%s\n' "${missing[@]}"
+  exit 0
+fi
 [[ ${#missing[@]} -gt 0 ]] || exit 0
 
 as_root=()
 if [[ $(id -u) -ne 0 ]]; then
-  if ! command -v sudo >/dev/null; then
-    echo "setup.sh: run as root, or install these packages: ${missing[*]}" >&2
-    exit 1
-  fi
+  command -v sudo >/dev/null || give_up "packages are missing and there is no sudo"
   as_root=(sudo)
 fi
 as_root+=(env DEBIAN_FRONTEND=noninteractive)
 
-# A package source that has nothing to do with us may be out of reach; the installation tells.
+# A package source that has nothing to do with us may be out of reach; the installation reports it.
 "${as_root[@]}" apt-get update -q || echo "setup.sh: not every package list is fresh" >&2
-"${as_root[@]}" apt-get install -q -y --no-install-recommends "${missing[@]}" </dev/null
+"${as_root[@]}" apt-get install -q -y --no-install-recommends "${missing[@]}" </dev/null || {
+  find_missing
+  give_up "packages could not be installed"
+}

@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # Usage: scripts/test.sh [PRESET]
-# Builds (see build.sh) and runs every fast test.
+# Installs what is needed, builds (see build.sh) and runs every fast test.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 preset=${1:-release}
-scripts/build.sh "$preset"
+scripts/build.sh "$preset" tests
 ctest --preset "$preset" --label-regex fast --parallel 2 --no-tests=error
