@@ -21,7 +21,7 @@ void complain(const char* format, ...) {
   va_end(arguments);
   size_t end = kPrefix + std::min(static_cast<size_t>(std::max(length, 0)), kRoom - 1);
   line[end++] = '\n';
-  // Nobody is left to tell when standard error cannot be written.
+  // When standard error cannot be written there is nowhere left to report it.
   [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, line, end);
   errno = error;
 }

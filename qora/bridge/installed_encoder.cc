@@ -5,6 +5,7 @@
 #include <strings.h>
 #include <x264.h>
 
+#include <cassert>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -273,6 +274,7 @@ OpenEncoder* openEncoder(const LegacyParams& params) {
 }
 
 void closeEncoder(OpenEncoder* opened) {
+  assert(opened != nullptr);
   opened->library->close(opened->encoder);
   free(opened);
 }
@@ -294,6 +296,7 @@ LegacyParams currentParams(const OpenEncoder& opened) {
 
 int32_t encodePicture(OpenEncoder& opened, encoder::x264_nal_t** nals, int* count,
                       const encoder::x264_picture_t* picture, encoder::x264_picture_t* produced) {
+  assert(nals != nullptr && count != nullptr && produced != nullptr);
   // The caller's picture is reused from frame to frame: translate a copy.
   ::x264_picture_t input;
   if (picture != nullptr) {

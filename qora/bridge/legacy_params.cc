@@ -1,11 +1,12 @@
 #include "qora/bridge/legacy_params.h"
 
+#include <cassert>
 #include <type_traits>
 
 namespace qora::bridge {
 namespace {
 
-// Lies behind the last field that callers know.
+// Lies after the last field that callers know.
 struct Note {
   uint32_t magic;
   Recipe recipe;
@@ -50,6 +51,7 @@ int32_t loadLegacyParams(const void* block, LegacyParams& params) {
 }
 
 void clearLegacyParams(void* block) {
+  assert(block != nullptr);
   memset(block, 0, kLegacyBlockSize);
 }
 

@@ -1,10 +1,10 @@
 // qora/bridge/legacy_params.h -- The caller's parameter block, in the layout of API build 142.
 //
 // Callers fill the block by byte offset and know 19 fields of it. Nothing else in the block is ever
-// read by them, so the bytes behind the last field remember how the block was set up: which preset,
+// read by them, so the bytes after the last field remember how the block was set up: which preset,
 // tune and profile the installed library has to apply when the encoder is opened. A copied block
 // stays as good as the original. Pure functions; blocks are raw bytes, 936 of them, of any
-// alignment.
+// alignment, and not null unless a function says so.
 #pragma once
 
 #include <array>
@@ -55,7 +55,7 @@ struct LegacyParams {
 
 // Makes `block` a set-up block: all its bytes are rewritten, those without a meaning with 0.
 void storeLegacyParams(const LegacyParams& params, void* block);
-// 1, or 0 when the block was never set up; then `params` is left alone.
+// 1, or 0 when the block is null or was never set up; then `params` is left alone.
 [[nodiscard]] int32_t loadLegacyParams(const void* block, LegacyParams& params);
 // Makes `block` one that was never set up.
 void clearLegacyParams(void* block);
