@@ -1,0 +1,133 @@
+// An encoder library that encodes nothing and does what the environment variable SCRIPTED_ENCODER
+// says when an encoder is opened, a list of name=number:
+//   preset, profile   their results                                  (0)
+//   open              0: no encoder                                  (1)
+//   encode            the result, and the payload's size, to 1 MiB   (100)
+//   planes            so many frames have a reconstruction           (0)
+//   tell              the payload is a text of what the encoder was given: the picture, so many
+//   cells
+//                     of the maps                                    (0)
+//   errno             what every failure leaves                      (0)
+// The payload of frame n is the bytes n, n + 1, n + 2, ... It has the open function of every build,
+// so it is taken for the newest; the harness spoils the names that a library shall lack.
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "qora/encoder/abi/x264_abi.h"
+
+namespace {
+
+using qora::encoder::x264_nal_t;
+using qora::encoder::x264_picture_t;
+
+struct ScriptedEncoder {
+  int32_t frames, invalidated, size, framesWithPlanes, cells;
+  x264_nal_t nal;
+  char text[4096];
+  uint8_t planes[2][64 * 64];
+};
+
+int32_t openEncoders = 0;
+uint8_t pattern[(1 << 20) + 256];
+
+int32_t scripted(const char* name, int32_t otherwise) {
+  const char* script = getenv("SCRIPTED_ENCODER");
+  const char* entry = script == nullptr ? nullptr : strstr(script, name);
+  return entry == nullptr ? otherwise : atoi(entry + strlen(name) + 1);
+}
+
+int32_t result(int32_t value, bool failed) {
+  if (failed) errno = scripted("errno", 0);
+  return value;
+}
+
+// The size of the text.
+int32_t tell(ScriptedEncoder& encoder, const x264_picture_t& in) {
+  const auto& [type, count, stride, plane] = in.img;
+  int32_t size =
+      sprintf(encoder.text, "%d open, %d invalidated; %d planes, type %d: %td %td, %d %d %d;",
+              openEncoders, encoder.invalidated, count, type, plane[1] - plane[0],
+              plane[2] - plane[0], stride[0], stride[1], stride[2]);
+  for (int32_t i = 0; i < encoder.cells; ++i) {
+    size += sprintf(encoder.text + size, " %d:%g", in.prop.mb_info[i], in.prop.quant_offsets[i]);
+  }
+  encoder.nal.p_payload = reinterpret_cast<uint8_t*>(encoder.text);
+  return size;
+}
+
+}  // namespace
+
+extern "C" {
+
+void* x264_encoder_open_142(void*) {
+  if (scripted("open", 1) == 0) {
+    result(0, true);
+    return nullptr;
+  }
+  auto* encoder = static_cast<ScriptedEncoder*>(calloc(1, sizeof(ScriptedEncoder)));
+  if (encoder == nullptr) return nullptr;
+  encoder->size = scripted("encode", 100);
+  encoder->framesWithPlanes = scripted("planes", 0);
+  encoder->cells = scripted("tell", 0);
+  for (int32_t i = 0; i < encoder->size + 256; ++i) pattern[i] = static_cast<uint8_t>(i);
+  ++openEncoders;
+  return encoder;
+}
+#define ALSO_BUILD(build) \
+  __attribute__((alias("x264_encoder_open_142"))) void* x264_encoder_open_##build(void*)
+ALSO_BUILD(128);
+ALSO_BUILD(129);
+ALSO_BUILD(130);
+ALSO_BUILD(132);
+ALSO_BUILD(133);
+ALSO_BUILD(135);
+ALSO_BUILD(138);
+ALSO_BUILD(161);
+
+int x264_encoder_reconfig(void*, void*) {
+  return 0;
+}
+void x264_encoder_close(void* encoder) {
+  free(encoder);
+  --openEncoders;
+}
+void x264_encoder_parameters(void*, void*) {}
+int x264_encoder_invalidate_reference(void* encoder, int64_t pts) {
+  static_cast<ScriptedEncoder*>(encoder)->invalidated += pts == 0 ? 1 : 100;
+  return 0;
+}
+int x264_encoder_get_last_quantizer(void* encoder) {  // of which a reply has room for a byte
+  return 0x100 + 20 + static_cast<ScriptedEncoder*>(encoder)->frames;
+}
+void x264_picture_init(x264_picture_t* picture) {
+  *picture = {};
+}
+int x264_param_default_preset(void*, const char*, const char*) {
+  const int32_t value = scripted("preset", 0);
+  return result(value, value != 0);
+}
+int x264_param_apply_profile(void*, const char*) {
+  const int32_t value = scripted("profile", 0);
+  return result(value, value != 0);
+}
+
+int x264_encoder_encode(void* handle, x264_nal_t** nals, int* count, x264_picture_t* in,
+                        x264_picture_t* out) {
+  auto* encoder = static_cast<ScriptedEncoder*>(handle);
+  encoder->nal.p_payload = pattern + encoder->frames % 256;
+  const int32_t size = encoder->cells > 0 ? tell(*encoder, *in) : encoder->size;
+  out->b_keyframe = encoder->frames == 0 ? 0x101 : 0;  // of which a reply has room for a byte
+  const bool planes = encoder->frames < encoder->framesWithPlanes;
+  for (int plane = 0; plane < 2; ++plane) {
+    out->img.plane[plane] = planes ? encoder->planes[plane] : nullptr;
+    out->img.i_stride[plane] = 64;
+  }
+  ++encoder->frames;
+  *nals = &encoder->nal;
+  *count = 1;
+  return result(size, size <= 0);
+}
+
+}  // extern "C"
