@@ -8,6 +8,7 @@
 #include <memory>
 #include <new>
 
+#include "qora/base/error_text.h"
 #include "qora/base/keep_errno.h"
 #include "qora/base/logger.h"
 

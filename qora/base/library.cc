@@ -4,6 +4,7 @@
 
 #include <cerrno>
 
+#include "qora/base/error_text.h"
 #include "qora/base/logger.h"
 
 namespace qora::library {

@@ -1,13 +1,8 @@
 #include "qora/base/logger.h"
 
-#include <sys/syscall.h>
-#include <unistd.h>
-
-#include <cstdio>
-#include <cstring>
-#include <ctime>
 #include <iostream>
 
+#include "qora/base/clog_line.h"
 #include "qora/base/keep_errno.h"
 #include "qora/base/mutex.h"
 
@@ -38,17 +33,6 @@ class ScopedLock {
  private:
   const bool wanted_;
 };
-
-std::ostream& writeTimePrefix(std::ostream& stream) {
-  timeval now;
-  gettimeofday(&now, nullptr);
-  char clock[32];
-  formatClock(now, clock, sizeof clock);
-  char prefix[128];
-  snprintf(prefix, sizeof prefix, "%d %d %s ", static_cast<int>(getpid()),
-           static_cast<int>(syscall(SYS_gettid)), clock);
-  return stream << prefix;
-}
 
 std::ostream& beginLine(Logger& logger, std::ostream& stream, const char* prefix) {
   if (logger.mode == 0) return logger.nullStream;
@@ -132,37 +116,6 @@ std::ostream& plainErrorStream() {
 }
 std::ostream& plainLogStream() {
   return processLogger.plainLogStream();
-}
-
-std::ostream& standardErrorPlain() {
-  KeepErrno keep;
-  return std::clog.flush();
-}
-
-std::ostream& standardErrorLog() {
-  KeepErrno keep;
-  return writeTimePrefix(std::clog.flush());
-}
-
-std::ostream& standardErrorError() {
-  return standardErrorLog() << "Error: ";
-}
-
-void formatClock(const timeval& time, char* text, size_t size) {
-  tm local{};
-  localtime_r(&time.tv_sec, &local);
-  snprintf(text, size, "%02d:%02d:%02d %07.3f", local.tm_hour, local.tm_min, local.tm_sec,
-           static_cast<double>(time.tv_usec) * 0.001);
-}
-
-const char* errorText(int32_t error) {
-  return error == 0 ? "No error" : strerror(error);
-}
-const char* lastErrorText() {
-  return errorText(errno);
-}
-const char* lastErrorName() {
-  return errorName(errno);
 }
 
 }  // namespace qora

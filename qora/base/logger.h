@@ -7,7 +7,6 @@
 #pragma once
 
 #include <pthread.h>
-#include <sys/time.h>
 
 #include <cstdint>
 #include <fstream>
@@ -91,26 +90,5 @@ std::ostream& infoStream();
 std::ostream& sessionStream();
 std::ostream& plainErrorStream();
 std::ostream& plainLogStream();
-
-// std::clog without the logger, for code that may run before it exists: flushed, then the time
-// prefix, the time prefix and "Error: ", or nothing.
-std::ostream& standardErrorLog();
-std::ostream& standardErrorError();
-std::ostream& standardErrorPlain();
-
-// Writes "HH:MM:SS mmm.mmm" in local time, 16 characters and a NUL, into `text` of `size` bytes.
-void formatClock(const timeval& time, char* text, size_t size);
-
-// The text itself, "nil" for null: how a message shows a name that is missing.
-inline const char* orNil(const char* text) {
-  return text != nullptr ? text : "nil";
-}
-
-// The C library's text, "No error" for 0; valid until the thread's next call.
-const char* errorText(int32_t error);
-const char* lastErrorText();
-// The symbolic name, "Unknown" where the table of error_names.cc has none.
-const char* errorName(int32_t error);
-const char* lastErrorName();
 
 }  // namespace qora

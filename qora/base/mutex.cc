@@ -2,7 +2,7 @@
 
 #include <ctime>
 
-#include "qora/base/logger.h"
+#include "qora/base/clog_line.h"
 
 namespace qora::mutex {
 namespace {

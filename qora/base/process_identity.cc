@@ -4,6 +4,7 @@
 #include <cstring>
 #include <limits>
 
+#include "qora/base/error_text.h"
 #include "qora/base/keep_errno.h"
 #include "qora/base/logger.h"
 #include "qora/base/process.h"

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 
+#include "qora/base/error_text.h"
 #include "qora/base/keep_errno.h"
 #include "qora/base/logger.h"
 #include "qora/base/mutex.h"

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "qora/base/error_text.h"
 #include "qora/base/keep_errno.h"
 #include "qora/base/logger.h"
 #include "qora/base/process.h"

@@ -2,7 +2,9 @@
 
 #include <iterator>
 
+#include "qora/base/error_text.h"
 #include "qora/base/keep_errno.h"
+#include "qora/base/logger.h"
 
 namespace qora::signal {
 namespace {

@@ -7,7 +7,9 @@
 
 #include <cstdint>
 
-#include "qora/base/logger.h"
+namespace qora {
+struct Logger;
+}
 
 namespace qora::signal {
 

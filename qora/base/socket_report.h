@@ -3,6 +3,7 @@
 
 #include <ostream>
 
+#include "qora/base/error_text.h"
 #include "qora/base/keep_errno.h"
 #include "qora/base/logger.h"
 

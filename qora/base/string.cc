@@ -7,6 +7,7 @@
 #include <emmintrin.h>
 #endif
 
+#include "qora/base/clog_line.h"
 #include "qora/base/logger.h"
 
 namespace qora::string {

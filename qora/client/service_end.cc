@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-#include "qora/base/logger.h"
+#include "qora/base/error_text.h"
 
 namespace qora::client {
 namespace {

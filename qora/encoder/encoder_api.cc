@@ -4,6 +4,7 @@
 #include <cstring>
 #include <type_traits>
 
+#include "qora/base/error_text.h"
 #include "qora/base/file.h"
 #include "qora/base/keep_errno.h"
 #include "qora/base/library.h"

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "qora/base/error_text.h"
 #include "qora/base/logger.h"
 
 namespace qora::service {

@@ -9,8 +9,8 @@
 #include <climits>
 #include <cstring>
 
+#include "qora/base/error_text.h"
 #include "qora/base/file.h"
-#include "qora/base/logger.h"
 
 namespace qora::tools {
 namespace {

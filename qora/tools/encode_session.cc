@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <limits>
 
-#include "qora/base/logger.h"
+#include "qora/base/error_text.h"
 #include "qora/tools/interrupt.h"
 #include "qora/tools/service_paths.h"
 

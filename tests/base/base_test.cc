@@ -9,13 +9,17 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <fstream>
 #include <iostream>
 #include <regex>
 #include <thread>
 
+#include "qora/base/clog_line.h"
 #include "qora/base/error_reports.h"
+#include "qora/base/error_text.h"
 #include "qora/base/file.h"
 #include "qora/base/library.h"
+#include "qora/base/logger.h"
 #include "qora/base/mutex.h"
 #include "qora/base/process.h"
 #include "qora/base/signal.h"

@@ -1,7 +1,9 @@
-#include <algorithm>
-#include <iterator>
+#include "qora/base/error_text.h"
 
-#include "qora/base/logger.h"
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <iterator>
 
 namespace qora {
 namespace {
@@ -41,10 +43,20 @@ static_assert(std::is_sorted(std::begin(kErrorNames), std::end(kErrorNames), pre
 
 }  // namespace
 
+const char* errorText(int32_t error) {
+  return error == 0 ? "No error" : strerror(error);
+}
+const char* lastErrorText() {
+  return errorText(errno);
+}
+
 const char* errorName(int32_t error) {
   const auto* row = std::lower_bound(std::begin(kErrorNames), std::end(kErrorNames),
                                      ErrorName{error, nullptr}, precedes);
   return row != std::end(kErrorNames) && row->value == error ? row->name : "Unknown";
+}
+const char* lastErrorName() {
+  return errorName(errno);
 }
 
 }  // namespace qora
