@@ -33,8 +33,9 @@ if [[ ${1:-} == --list ]]; then
   list_only=1
   shift
 fi
+[[ $# -gt 0 ]] || set -- build tools
 wanted=()
-for group in "${@:-build}"; do
+for group in "$@"; do
   if [[ -z ${groups[$group]+known} ]]; then
     echo "setup.sh: no group '$group'; there are: ${!groups[*]}" >&2
     exit 2
