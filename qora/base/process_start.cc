@@ -2,24 +2,12 @@
 
 #include <cerrno>
 
-#include "qora/base/error_text.h"
-#include "qora/base/keep_errno.h"
-#include "qora/base/logger.h"
 #include "qora/base/mutex.h"
 #include "qora/base/process.h"
+#include "qora/base/process_report.h"
 
 namespace qora::process {
 namespace {
-
-// Tells a failure in two lines, the first made of `pieces`, and returns -1. errno stays.
-template <typename... Pieces>
-int32_t failed(const Pieces&... pieces) {
-  KeepErrno keep;
-  ((logStream() << "Process: WARNING! ") << ... << pieces) << "\n";
-  logStream() << "Process: WARNING! Error is " << keep.value << " '" << orNil(errorText(keep.value))
-              << "'.\n";
-  return -1;
-}
 
 // Makes `from` the descriptor `role` too. 1, or 0 when the role keeps what it has.
 int32_t redirect(int32_t from, int32_t role) {
@@ -75,10 +63,10 @@ int32_t execProgram(const char* path, int32_t /*count*/, const char* const argum
   char* const* argv = const_cast<char* const*>(arguments);
   if (environment != nullptr) {
     ::execve(path, argv, const_cast<char* const*>(environment));
-    return failed("Function execve() for '", path, "' failed.");
+    return failed(kStartWarning, "Function execve() for '", path, "' failed.");
   }
   ::execvp(path, argv);
-  return failed("Function execvp() for '", path, "' failed.");
+  return failed(kStartWarning, "Function execvp() for '", path, "' failed.");
 }
 
 pid_t createProcess(const void* /*unused*/, const char* const program[],
@@ -92,7 +80,7 @@ pid_t createProcess(const void* /*unused*/, const char* const program[],
     return -1;
   }
   const pid_t child = forkProcess();
-  if (child == -1) return failed("Function fork() failed.");
+  if (child == -1) return failed(kStartWarning, "Function fork() failed.");
   if (child != 0) return child;
 
   logger().mode = 0;  // what the child reports must not reach the parent's streams
@@ -110,7 +98,7 @@ int32_t detachFromTerminal() {
   KeepErrno keep;
   logStream() << "Process: WARNING! Detach from terminal failed.\n";
   // "Provess" is meant: whoever filters our logs knows this line by it.
-  logStream() << "Provess: WARNING! Error is " << keep.value << " '" << orNil(errorText(keep.value))
+  logStream() << "Provess: WARNING! Error is " << keep.value << " '" << errorText(keep.value)
               << "'.\n";
   return -1;
 }

@@ -9,10 +9,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "qora/base/error_text.h"
-#include "qora/base/keep_errno.h"
-#include "qora/base/logger.h"
 #include "qora/base/process.h"
+#include "qora/base/process_report.h"
 #include "qora/base/signal.h"
 
 namespace qora::process {
@@ -30,16 +28,6 @@ constexpr int32_t kKilledExitCode = 4;
 constexpr const char* kLoopbackNames[] = {"localhost", "localhost.localdomain", "127.0.0.1"};
 constexpr const char* kTemporaryVariables[] = {"TEMP", "TMP"};
 
-// Tells a failure in two lines, the first made of `pieces`, and returns -1. errno stays.
-template <typename... Pieces>
-int32_t failed(const Pieces&... pieces) {
-  KeepErrno keep;
-  ((logStream() << "Process: ERROR! ") << ... << pieces) << "\n";
-  logStream() << "Process: ERROR! Error is " << keep.value << " '" << orNil(errorText(keep.value))
-              << "'.\n";
-  return -1;
-}
-
 }  // namespace
 
 void killSelf() {
@@ -50,7 +38,7 @@ void killSelf() {
 int32_t isProcessAlive(pid_t process) {
   if (::kill(process, 0) == 0) return 1;
   if (errno == ESRCH) return 0;
-  return failed("Can't signal the pid ", process, ".");
+  return failed(kStatusError, "Can't signal the pid ", process, ".");
 }
 
 int32_t isAlive(pid_t process) {
@@ -102,14 +90,14 @@ int32_t mapPriority(int32_t value) {
 int32_t setPriority(int32_t value) {
   const int32_t niceness = mapPriority(value);
   if (::setpriority(PRIO_PROCESS, 0, niceness) == 0) return 1;
-  return failed("Can't set priority to ", niceness, ".");
+  return failed(kStatusError, "Can't set priority to ", niceness, ".");
 }
 
 int32_t changePriority(int32_t increment) {
   errno = 0;
   // A negative result may be the new niceness; errno alone tells that from a failure.
   if (::nice(increment) >= 0 || errno == 0) return 1;
-  return failed("Can't change priority by ", increment, ".");
+  return failed(kStatusError, "Can't change priority by ", increment, ".");
 }
 
 const char* defaultHostName() {
@@ -153,7 +141,7 @@ char* temporaryName(const char* directory, const char* prefix) {
   const size_t size = strlen(directory) + strlen(separator) + strlen(base) + 1;
   char* name = static_cast<char*>(malloc(size));
   if (name == nullptr) {
-    failed("Can't create temporary name.");
+    failed(kStatusError, "Can't create temporary name.");
     return nullptr;
   }
   snprintf(name, size, "%s%s%s", directory, separator, base);

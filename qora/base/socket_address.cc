@@ -54,7 +54,7 @@ void reportResolverFailure(const char* text) {
   // Out of descriptors the resolver cannot even begin, and has no number of its own for that.
   if (reason == kResolverErrors[0] && keep.value == EMFILE) {
     h_errno = EMFILE;
-    reason = orNil(errorText(EMFILE));
+    reason = errorText(EMFILE);
   }
   reportError("Error is ", h_errno, " '", reason, "'.");
 }

@@ -14,7 +14,7 @@ struct ErrorIs {
   const int32_t error = errno;
 };
 inline std::ostream& operator<<(std::ostream& stream, const ErrorIs& is) {
-  return stream << "Error is " << is.error << " '" << orNil(errorText(is.error)) << "'.";
+  return stream << "Error is " << is.error << " '" << errorText(is.error) << "'.";
 }
 
 // One line made of `pieces`, on the log stream behind "Socket: ERROR! " and bare on the error

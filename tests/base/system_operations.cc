@@ -11,6 +11,7 @@
 #include <regex>
 
 #include "qora/base/process.h"
+#include "qora/base/process_parameters.h"
 #include "qora/base/socket.h"
 #include "tests/base/operations.h"
 

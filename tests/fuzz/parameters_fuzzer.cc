@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "qora/base/process.h"
+#include "qora/base/process_parameters.h"
 #include "qora/base/string.h"
 #include "tests/fuzz/fuzz.h"
 
