@@ -99,7 +99,9 @@ int64_t fileSize(const char* dir, const char* name) {
 
 int32_t isAccessible(const char* dir, const char* name, int32_t mode) {
   const OwnedPath path(joinPath(dir, name));
-  return path != nullptr && ::access(path.get(), mode) == 0;
+  if (path != nullptr) return ::access(path.get(), mode) == 0;
+  if (isEmpty(name)) errno = EFAULT;
+  return 0;
 }
 
 int32_t fileType(const struct stat& status) {

@@ -68,7 +68,7 @@ constexpr int32_t kRemote = 0;
 constexpr int32_t kLocal = 1;
 // The numeric address of an end in a new array, the caller's to delete[]; or null.
 [[nodiscard]] char* hostText(int32_t fd, int32_t end);
-// The port of an end, or -1.
+// The port of an end, 0 for a local socket; or -1.
 int32_t portOf(int32_t fd, int32_t end);
 // Both of both ends, the hosts into string slots; "UNKNOWN" is a host that cannot be told. 1, or -1
 // when a port is missing.

@@ -26,7 +26,7 @@ const char* endName(int32_t end) {
 
 // The address of one end; a mapped one already turned into IPv4.
 struct EndAddress {
-  sockaddr_storage storage;
+  sockaddr_storage storage{};
   socklen_t length = sizeof storage;
   sockaddr* address() { return reinterpret_cast<sockaddr*>(&storage); }
 };
@@ -96,6 +96,8 @@ int32_t portOf(int32_t fd, int32_t end) {
     reportErrorInTwoLines("Can't get the ", endName(end), " host for FD#", fd, ".");
     return -1;
   }
+  // A local socket has a path instead, which must not be read as a number.
+  if (from.storage.ss_family == AF_UNIX) return 0;
   if (toDigits(from, nullptr, 0, text, sizeof text) == -1) {
     reportErrorInTwoLines("Can't get the network port.");
     return -1;
