@@ -16,6 +16,7 @@
 #include <random>
 
 #include "qora/service/channel.h"
+#include "qora/service/wire/limits.h"
 
 namespace qora::bench {
 namespace {
@@ -274,7 +275,7 @@ BareService::BareService(const StreamShape& shape, const client::Picture (&cells
 void BareService::serve(const StreamShape& shape, const client::Picture (&cells)[2]) {
   test::DirectEncoder encoder(addRequest(shape, 0));
   test::FrameHints hints;
-  message_.resize(service::kMaxMessageSize);
+  message_.resize(service::kBufferEnd);
   for (ssize_t size; (size = ::read(STDIN_FILENO, message_.data(), message_.size())) > 0;) {
     hints.rectangles.clear();
     for (ssize_t at = 1; at < size; at += service::kRectangleSize) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cerrno>
+#include <cstdint>
 
 namespace qora {
 
@@ -13,5 +14,14 @@ struct KeepErrno {
   KeepErrno& operator=(const KeepErrno&) = delete;
   ~KeepErrno() { errno = value; }
 };
+
+// Returns what `operation` does. errno stays as it was unless that is -1.
+template <typename Operation>
+int32_t keepErrnoUnlessFailed(Operation operation) {
+  const int error = errno;
+  const int32_t result = operation();
+  if (result != -1) errno = error;
+  return result;
+}
 
 }  // namespace qora

@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "qora/base/descriptor.h"
+#include "qora/service/wire/limits.h"
 #include "qora/service/wire/messages.h"
 
 namespace qora::client {
@@ -34,7 +35,7 @@ namespace qora::client {
 // The largest command that can be sent at any time. The service's buffer ends at 1 MiB, and a
 // command that it received together with earlier ones begins up to 64 KiB behind the buffer's
 // start.
-inline constexpr int32_t kLargestCommand = service::kMaxMessageSize - (64 << 10);
+inline constexpr int32_t kLargestCommand = service::kSafeMessageSize;
 
 // How many rectangles an encode command has room for beside its copies: the limit for
 // findChangedRectangles().

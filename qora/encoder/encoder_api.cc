@@ -20,7 +20,8 @@ struct OpenFunction {
   int32_t build;
 };
 
-// Newest first, the rest ascending. 161 is not probed although a filler for it exists: intended.
+// Newest first, the rest ascending. 161 is not probed although a filler for it exists:
+// installations with such a library at the first place count on the one at the second.
 constexpr OpenFunction kOpenFunctions[] = {
     {"x264_encoder_open_142", 142}, {"x264_encoder_open_128", 128}, {"x264_encoder_open_129", 129},
     {"x264_encoder_open_130", 130}, {"x264_encoder_open_132", 132}, {"x264_encoder_open_133", 133},
@@ -58,8 +59,9 @@ void freeLibraryPath() {
 // Closes the library and forgets everything but the resolved functions. errno changes only when
 // the close fails.
 void forgetLibrary() {
-  const int error = errno;
-  if (api.libraryHandle != nullptr && library::close(api.libraryHandle) == 0) errno = error;
+  if (api.libraryHandle != nullptr) {
+    keepErrnoUnlessFailed([] { return library::close(api.libraryHandle); });
+  }
   api.libraryHandle = nullptr;
   freeLibraryPath();
   api.fillParameters = nullptr;
@@ -104,7 +106,8 @@ int32_t chooseFiller() {
   api.fillParameters = fillParametersFor(api.buildNumber);
   if (api.fillParameters != nullptr) return 1;
   KeepErrno keep;
-  // The prefix is intended. Every probed build has a filler, so only a new probe could lead here.
+  // Kept with this prefix: parents match the line. Every probed build has a filler, so only a new
+  // probe could lead here.
   logStream() << "Function: ERROR! Unknown library version " << api.buildNumber << ".\n";
   return -1;
 }
@@ -125,42 +128,7 @@ int32_t composeLibraryPath(const char* root, const char* suffix) {
   return 1;
 }
 
-// 1 when the library at root + suffix is loaded, else -1 with the path freed.
-int32_t tryCandidate(const char* root, const char* suffix) {
-  if (composeLibraryPath(root, suffix) == 1 && file::exists(nullptr, api.libraryPath) == 1 &&
-      resolveEncoderApi() == 1) {
-    return 1;
-  }
-  freeLibraryPath();
-  return -1;
-}
-
-}  // namespace
-
-EncoderApi& encoderApi() {
-  return api;
-}
-
-int32_t loadEncoderLibrary() {
-  if (api.libraryHandle != nullptr) return 0;
-  return locateEncoderLibrary();
-}
-
-int32_t locateEncoderLibrary() {
-  if (const char* root = getenv("QORA_SYSTEM"); root != nullptr) {
-    if (tryCandidate(root, "/lib/libx264.so") == 1) return 1;
-  } else {
-    warnNoEnvironment();
-  }
-  // Read afresh for the second place: without the variable the warning comes twice, as intended.
-  const char* root = getenv("QORA_SYSTEM");
-  if (root == nullptr) {
-    warnNoEnvironment();
-    return -1;
-  }
-  return tryCandidate(root, "/codec/lib/libx264.so");
-}
-
+// Opens api.libraryPath and fills the table. 1, or -1 with the library closed again.
 int32_t resolveEncoderApi() {
   api.libraryHandle = library::open(api.libraryPath);
   if (api.libraryHandle == nullptr) {
@@ -173,6 +141,43 @@ int32_t resolveEncoderApi() {
   }
   forgetLibrary();
   return -1;
+}
+
+// 1 when the library at root + suffix is loaded, else -1 with the path freed.
+int32_t tryCandidate(const char* root, const char* suffix) {
+  if (composeLibraryPath(root, suffix) == 1 && file::exists(nullptr, api.libraryPath) == 1 &&
+      resolveEncoderApi() == 1) {
+    return 1;
+  }
+  freeLibraryPath();
+  return -1;
+}
+
+int32_t locateEncoderLibrary() {
+  if (const char* root = getenv("QORA_SYSTEM"); root != nullptr) {
+    if (tryCandidate(root, "/lib/libx264.so") == 1) return 1;
+  } else {
+    warnNoEnvironment();
+  }
+  // Read afresh for the second place, so without the variable the warning comes twice: parents that
+  // watch the log know the pair.
+  const char* root = getenv("QORA_SYSTEM");
+  if (root == nullptr) {
+    warnNoEnvironment();
+    return -1;
+  }
+  return tryCandidate(root, "/codec/lib/libx264.so");
+}
+
+}  // namespace
+
+EncoderApi& encoderApi() {
+  return api;
+}
+
+int32_t loadEncoderLibrary() {
+  if (api.libraryHandle != nullptr) return 0;
+  return locateEncoderLibrary();
 }
 
 int32_t unloadEncoderLibrary() {

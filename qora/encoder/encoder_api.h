@@ -13,7 +13,8 @@
 namespace qora::encoder {
 
 // All zero while unloaded, but for the resolved functions: those keep stale values and must not be
-// called without a library. Loaded: every function is there.
+// called without a library. Loading succeeds only with every function resolved; who fills the table
+// by hand may leave out x264_encoder_get_last_quantizer.
 struct EncoderApi {
   char* libraryPath = nullptr;    // malloc, owned: the file being tried or in use
   void* libraryHandle = nullptr;  // non-null exactly while a library is open
@@ -38,15 +39,10 @@ struct EncoderApi {
 
 EncoderApi& encoderApi();
 
-// 1 when the library is loaded now, 0 when it was already, -1 when it cannot be had: log lines tell
-// why, errno is the last failing step's.
+// Tries the two places in order. 1 when the library is loaded now, 0 when it was already, -1 when
+// it cannot be had. Log lines say why; a file that is not there has none and leaves only errno. An
+// unset variable leaves errno as it was, every other failure sets it.
 int32_t loadEncoderLibrary();
-
-// Tries the two places in order. 1 or -1.
-int32_t locateEncoderLibrary();
-
-// Opens encoderApi().libraryPath and fills the table. 1, or -1 with the library closed again.
-int32_t resolveEncoderApi();
 
 // Closes the library if one is open. Always 1; errno is disturbed only by a close that failed.
 int32_t unloadEncoderLibrary();

@@ -7,6 +7,7 @@
 
 #include "qora/base/keep_errno.h"
 #include "qora/base/logger.h"
+#include "qora/encoder/abi/param_layout.h"
 #include "qora/encoder/encoder_api.h"
 
 namespace qora::encoder {
@@ -22,12 +23,61 @@ constexpr float kBestRateFactor = 1.0F;
 constexpr float kRateTolerance = 0.01F;
 constexpr float kFlatQcompress = 1.0F;
 
+// What an add-stream command asks for.
+struct FillArguments {
+  int32_t threads, width, height, bitrate, qpMin, qpMax, argumentByte;
+};
+
+struct ParamValue {
+  ParamField field;
+  uint32_t bits;  // all fields are 32 bits wide; floats as bit patterns
+};
+
 ParamValue integer(ParamField field, int32_t value) {
   return {field, static_cast<uint32_t>(value)};
 }
 
 ParamValue real(ParamField field, float value) {
   return {field, std::bit_cast<uint32_t>(value)};
+}
+
+// Policy: which fields get which value. Knows no offset. `out` has room for kParamFieldCount;
+// returns the count put there.
+int32_t chooseParamValues(const FillArguments& arguments, int32_t bitrateMode, ParamValue out[]) {
+  int32_t count = 0;
+  const auto put = [&](ParamValue value) { out[count++] = value; };
+  put(integer(ParamField::threads, arguments.threads));
+  put(integer(ParamField::width, arguments.width));
+  put(integer(ParamField::height, arguments.height));
+  put(integer(ParamField::colourSpace, kCspI420));
+  put(integer(ParamField::keyintMax, kKeyintInfinite));
+  put(integer(ParamField::scenecutThreshold, 0));
+  put(integer(ParamField::logLevel, kLogWarning));
+  put(integer(ParamField::mbInfo, 1));
+  put(integer(ParamField::aqMode, kAqVariance));
+  put(integer(ParamField::annexB, arguments.argumentByte >> 2 & 1));
+  put(integer(ParamField::fpsNum, kFramesPerSecond));
+  put(integer(ParamField::fpsDen, 1));
+  if (bitrateMode == 1) {
+    put(integer(ParamField::rateMethod, kRateAverageBitrate));
+    put(integer(ParamField::qpMin, arguments.qpMin));
+    put(integer(ParamField::qpMax, arguments.qpMax));
+    put(integer(ParamField::bitrate, arguments.bitrate));
+    put(real(ParamField::rateTolerance, kRateTolerance));
+  } else {
+    put(integer(ParamField::rateMethod, kRateConstantQuality));
+    put(real(ParamField::rateFactor, kBestRateFactor));
+    put(real(ParamField::qcompress, kFlatQcompress));
+  }
+  return count;
+}
+
+// Mechanism: puts values at their offsets. Knows no meaning.
+void storeParamValues(const ParamLayout& layout, const ParamValue values[], int32_t count,
+                      uint8_t* block) {
+  for (int32_t i = 0; i < count; ++i) {
+    memcpy(block + layout.at(values[i].field), &values[i].bits, sizeof values[i].bits);
+  }
 }
 
 int32_t refuse(const char* line) {
@@ -70,42 +120,6 @@ constexpr std::array<FillParameters, sizeof...(Rows)> allFillers(std::index_sequ
 constexpr auto kFillers = allFillers(std::make_index_sequence<kParamLayoutCount>());
 
 }  // namespace
-
-int32_t chooseParamValues(const FillArguments& arguments, int32_t bitrateMode, ParamValue out[]) {
-  int32_t count = 0;
-  const auto put = [&](ParamValue value) { out[count++] = value; };
-  put(integer(ParamField::threads, arguments.threads));
-  put(integer(ParamField::width, arguments.width));
-  put(integer(ParamField::height, arguments.height));
-  put(integer(ParamField::colourSpace, kCspI420));
-  put(integer(ParamField::keyintMax, kKeyintInfinite));
-  put(integer(ParamField::scenecutThreshold, 0));
-  put(integer(ParamField::logLevel, kLogWarning));
-  put(integer(ParamField::mbInfo, 1));
-  put(integer(ParamField::aqMode, kAqVariance));
-  put(integer(ParamField::annexB, arguments.argumentByte >> 2 & 1));
-  put(integer(ParamField::fpsNum, kFramesPerSecond));
-  put(integer(ParamField::fpsDen, 1));
-  if (bitrateMode == 1) {
-    put(integer(ParamField::rateMethod, kRateAverageBitrate));
-    put(integer(ParamField::qpMin, arguments.qpMin));
-    put(integer(ParamField::qpMax, arguments.qpMax));
-    put(integer(ParamField::bitrate, arguments.bitrate));
-    put(real(ParamField::rateTolerance, kRateTolerance));
-  } else {
-    put(integer(ParamField::rateMethod, kRateConstantQuality));
-    put(real(ParamField::rateFactor, kBestRateFactor));
-    put(real(ParamField::qcompress, kFlatQcompress));
-  }
-  return count;
-}
-
-void storeParamValues(const ParamLayout& layout, const ParamValue values[], int32_t count,
-                      uint8_t* block) {
-  for (int32_t i = 0; i < count; ++i) {
-    memcpy(block + layout.at(values[i].field), &values[i].bits, sizeof values[i].bits);
-  }
-}
 
 FillParameters fillParametersFor(int32_t build) {
   const int32_t row = paramLayoutFor(build);

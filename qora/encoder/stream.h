@@ -26,8 +26,9 @@ struct EncoderStream {
   float* quant_offsets_map;  // mb_width * mb_height floats, calloc, owned
 };
 
-// Set by every add-stream command: 1 when its bitrate is above 0. One flag for the whole process,
-// so the stream added last decides for all streams; that is intended.
+// Set by every add-stream command: 1 when its bitrate is above 0. One flag for the whole process: a
+// stream that was added before keeps its rate control, but from now on the quantizer offsets of all
+// streams are taken as the flag says. Parents that mix both kinds send offsets that fit.
 int32_t& bitrateMode();
 
 }  // namespace qora::encoder

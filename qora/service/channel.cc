@@ -1,14 +1,19 @@
 #include "qora/service/channel.h"
 
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cerrno>
+#include <cstddef>
 #include <cstdlib>
+#include <iterator>
 
 #include "qora/base/keep_errno.h"
 #include "qora/base/logger.h"
 #include "qora/service/fatal.h"
+#include "qora/service/wire/limits.h"
 #include "qora/service/wire/messages.h"
 
 namespace qora::service {
@@ -16,7 +21,10 @@ namespace {
 
 ChannelState channel;
 
-// A header that begins in the last bytes of the capacity is completed behind it. The block has room
+// One read of an empty buffer takes no more, however large the buffer has become.
+constexpr int32_t kLargestRead = 64 << 10;
+
+// A header that begins in the last bytes of the capacity is completed after it. The block has room
 // for that, so the capacity and the growth lines do not depend on where the parent's writes end.
 constexpr size_t kHeaderSlack = kHeaderSize - 1;
 
@@ -24,9 +32,17 @@ size_t blockSize(int64_t capacity) {
   return static_cast<size_t>(capacity) + kHeaderSlack;
 }
 
+// Capacity, declared size and the end of the body: what is largest, rounded up to the step. In 64
+// bits, for a header may declare anything. The capacity has been rounded before.
+int64_t capacityFor(int32_t size, int32_t bodyLength) {
+  const int64_t end = int64_t{channel.offset} + bodyLength;
+  return (std::max<int64_t>({channel.capacity, size, end}) + kBufferStep - 1) / kBufferStep *
+         kBufferStep;
+}
+
 // Returns where `message` stands after the growth.
 uint8_t* growBuffer(uint8_t* message, int64_t capacity) {
-  if (capacity > kMaxCapacity) fatalMessageSize(capacity, "B");
+  if (capacity > kBufferEnd) fatalMessageSize(capacity, "B");
   const ptrdiff_t distance = message - channel.data;
   auto* data = static_cast<uint8_t*>(realloc(channel.data, blockSize(capacity)));
   if (data == nullptr) fatalAllocation(capacity, "B");
@@ -37,24 +53,8 @@ uint8_t* growBuffer(uint8_t* message, int64_t capacity) {
   return data + distance;
 }
 
-}  // namespace
-
-ChannelState& channelState() {
-  return channel;
-}
-
-void openChannel() {
-  channel = {.input = STDIN_FILENO, .output = STDOUT_FILENO};
-  channel.data = static_cast<uint8_t*>(malloc(blockSize(kCapacityStep)));
-  if (channel.data == nullptr) fatalAllocation(kCapacityStep, "A");
-  channel.capacity = kCapacityStep;
-}
-
-void closeChannel() {
-  free(channel.data);
-  channel.data = nullptr;
-}
-
+// One read of at most `maximum` bytes when `wanted` is 0; else reads until exactly `wanted` are
+// there. Returns the bytes read; -1 with errno from the read, EIO at end of input.
 int32_t readChannel(int32_t descriptor, uint8_t* destination, int32_t maximum, int32_t wanted) {
   const int32_t limit = wanted > 0 ? wanted : maximum;
   int32_t total = 0;
@@ -70,56 +70,8 @@ int32_t readChannel(int32_t descriptor, uint8_t* destination, int32_t maximum, i
   return total;
 }
 
-int32_t nextMessage(uint8_t*& message) {
-  if (channel.available == 0) channel.offset = 0;
-  while (channel.available < kHeaderSize) {
-    const int32_t wanted = channel.available == 0 ? 0 : kHeaderSize - channel.available;
-    const int32_t count = readChannel(
-        channel.input, channel.data + channel.offset + channel.available, kCapacityStep, wanted);
-    if (count == -1) return -1;
-    channel.available += count;
-  }
-  message = channel.data + channel.offset;
-  channel.available -= kHeaderSize;
-  channel.offset += kHeaderSize;
-  return kHeaderSize;
-}
-
-int64_t capacityFor(const ChannelState& state, int32_t size, int32_t bodyLength) {
-  const int64_t end = int64_t{state.offset} + bodyLength;
-  const int64_t target = state.capacity < size ? std::max<int64_t>(end, size) : end;
-  if (target <= state.capacity) return state.capacity;
-  return (target + kCapacityStep - 1) / kCapacityStep * kCapacityStep;
-}
-
-int32_t completeMessage(uint8_t*& message, int32_t size, int32_t bodyLength) {
-  const int64_t capacity = capacityFor(channel, size, bodyLength);
-  if (capacity != channel.capacity) message = growBuffer(message, capacity);
-  if (channel.available >= bodyLength) {
-    channel.available -= bodyLength;
-    channel.offset += bodyLength;
-    return bodyLength;
-  }
-  const int32_t missing = bodyLength - channel.available;
-  channel.offset += channel.available;
-  channel.available = 0;
-  const int32_t count =
-      readChannel(channel.input, channel.data + channel.offset, kCapacityStep, missing);
-  if (count == -1) return -1;
-  channel.offset += count;
-  return count;
-}
-
-int32_t writeChannel(int32_t descriptor, const uint8_t* source, int32_t length) {
-  int32_t total = 0;
-  while (total != length) {
-    const ssize_t count = ::write(descriptor, source + total, length - total);
-    if (count <= 0) return -1;
-    total += static_cast<int32_t>(count);
-  }
-  return total;
-}
-
+// Takes `written` bytes off the front of the entries: whole entries are passed over, the next one
+// is shortened. Returns how many entries were passed over.
 size_t consumeWritten(iovec entries[], size_t count, size_t written) {
   size_t passed = 0;
   while (passed < count && written >= entries[passed].iov_len) {
@@ -133,8 +85,72 @@ size_t consumeWritten(iovec entries[], size_t count, size_t written) {
   return passed;
 }
 
+}  // namespace
+
+ChannelState& channelState() {
+  return channel;
+}
+
+void openChannel() {
+  channel = {.input = STDIN_FILENO, .output = STDOUT_FILENO};
+  channel.data = static_cast<uint8_t*>(malloc(blockSize(kBufferStep)));
+  if (channel.data == nullptr) fatalAllocation(kBufferStep, "A");
+  channel.capacity = kBufferStep;
+}
+
+void closeChannel() {
+  free(channel.data);
+  channel.data = nullptr;
+}
+
+int32_t nextMessage(uint8_t*& message) {
+  assert(channel.data != nullptr);
+  if (channel.available == 0) channel.offset = 0;
+  while (channel.available < kHeaderSize) {
+    const int32_t wanted = channel.available == 0 ? 0 : kHeaderSize - channel.available;
+    const int32_t count = readChannel(
+        channel.input, channel.data + channel.offset + channel.available, kLargestRead, wanted);
+    if (count == -1) return -1;
+    channel.available += count;
+  }
+  message = channel.data + channel.offset;
+  channel.available -= kHeaderSize;
+  channel.offset += kHeaderSize;
+  return kHeaderSize;
+}
+
+int32_t completeMessage(uint8_t*& message, int32_t size, int32_t bodyLength) {
+  assert(message >= channel.data && bodyLength >= 0);
+  const int64_t capacity = capacityFor(size, bodyLength);
+  if (capacity != channel.capacity) message = growBuffer(message, capacity);
+  if (channel.available >= bodyLength) {
+    channel.available -= bodyLength;
+    channel.offset += bodyLength;
+    return bodyLength;
+  }
+  const int32_t missing = bodyLength - channel.available;
+  channel.offset += channel.available;
+  channel.available = 0;
+  const int32_t count = readChannel(channel.input, channel.data + channel.offset, 0, missing);
+  if (count == -1) return -1;
+  channel.offset += count;
+  return count;
+}
+
+int32_t writeChannel(int32_t descriptor, const uint8_t* source, int32_t length) {
+  assert(length >= 0);
+  int32_t total = 0;
+  while (total != length) {
+    const ssize_t count = ::write(descriptor, source + total, length - total);
+    if (count <= 0) return -1;
+    total += static_cast<int32_t>(count);
+  }
+  return total;
+}
+
 int32_t writeChannelPair(int32_t descriptor, const uint8_t* first, int32_t firstLength,
                          const uint8_t* second, int32_t secondLength) {
+  assert(firstLength >= 0 && secondLength >= 0);
   iovec entries[] = {
       {const_cast<uint8_t*>(first), static_cast<size_t>(firstLength)},
       {const_cast<uint8_t*>(second), static_cast<size_t>(secondLength)},

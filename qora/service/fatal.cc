@@ -46,6 +46,7 @@ void fatalOperation(const char* what, const char* name, const char* context) {
 }
 
 void fatalOption(const char* option, const char* value, const char* context) {
+  // Quotes inside the brackets, here alone: what searches the log for option lines matches them.
   errorStream() << "Invalid option '" << orNil(option) << "' value '" << orNil(value)
                 << "' in context ['" << orNil(context) << "'].\n";
   exit(kInvalidStatus);

@@ -1,7 +1,8 @@
 // qora/service/fatal.h -- The reporters that end the process at once.
 //
 // Each writes its line to the error stream, with the context between brackets, and leaves through
-// exit(3), so the exit handlers run but no shutdown step does. Null texts print as "nil".
+// exit(3), so the exit handlers run but no shutdown step does. Null texts print as "nil". No
+// command of the service leads to the two reporters of options.
 #pragma once
 
 #include <cstdint>

@@ -62,6 +62,7 @@ int32_t pointPicture(const EncodeRequest& request, EncoderStream& stream) {
   return 1;
 }
 
+// By its edges, not its size: who reads the log compares them with the picture's.
 void warnOfSkipped(const Rectangle& rectangle) {
   logStream() << "CodecFrame: WARNING! Skipping invalid rectangle [" << rectangle.x << ","
               << rectangle.y << "," << rectangle.x + rectangle.width << ","
@@ -101,12 +102,13 @@ uint32_t wallClockMilliseconds() {
   return static_cast<uint32_t>(int64_t{now.tv_sec} * 1000 + now.tv_usec / 1000);
 }
 
+// The loader requires the function; a table that was filled in another way may lack it.
 uint8_t lastQuantizer(const EncoderStream& stream) {
   const auto ask = encoderApi().x264_encoder_get_last_quantizer;
   return ask == nullptr ? kUnknownQuantizer : static_cast<uint8_t>(ask(stream.encoder));
 }
 
-// Encodes the picture and tells of it in `reply`. 1; -1 after a log line.
+// Encodes the picture and reports on it in `reply`. 1; -1 after a log line.
 int32_t encodePicture(EncoderStream& stream, ReplyFields& reply) {
   reply.startTime = wallClockMilliseconds();
   const int32_t frameSize = encoderApi().x264_encoder_encode(
@@ -166,7 +168,8 @@ int32_t encodeFrame(uint8_t* message, int32_t size) {
   if (request.invalidate == 1) {
     encoderApi().x264_encoder_invalidate_reference(stream->encoder, 0);
   }
-  // Without rectangles no reference is remembered, so a copy list then always warns: intended.
+  // Without rectangles no reference is remembered and a copy list only warns. Parents count on it:
+  // the viewer leaves the copies of such a frame out as well.
   const PlanarView reference = updated == 1 ? reconstructedPicture(*stream) : PlanarView{};
 
   ReplyFields reply;

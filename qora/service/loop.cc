@@ -47,7 +47,7 @@ void serveMessages() {
 }
 
 int32_t shutDown() {
-  detachSegment();
+  releaseSegment();
   encoder::unloadEncoderLibrary();
   closeChannel();
   return errno == EIO ? 0 : errno;

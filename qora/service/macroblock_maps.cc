@@ -1,6 +1,7 @@
 #include "qora/service/macroblock_maps.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstddef>
 #include <cstring>
 
@@ -8,7 +9,8 @@ namespace qora::service {
 namespace {
 
 // Pixels first .. first + length - 1 as macroblocks from `start` on. An empty rectangle that does
-// not begin on a macroblock's edge still covers the one it stands in: intended.
+// not begin on a macroblock's edge still covers the one it stands in: parents that
+// predict the maps count it too.
 int32_t macroblocksFrom(int32_t start, int32_t first, int32_t length) {
   return ((first + length - 1) >> 4) - start + 1;
 }
@@ -61,7 +63,7 @@ int32_t coverRectangle(const Rectangle& rectangle, const MacroblockMaps& maps,
 }
 
 float quantizerValue(int8_t offset, int32_t bitrateMode) {
-  // One finer outside bitrate mode: intended.
+  // One finer outside bitrate mode: parents send offsets that are tuned to it.
   return static_cast<float>(bitrateMode == 1 ? offset : offset - 1);
 }
 
@@ -70,6 +72,8 @@ void markAllUnchanged(MacroblockMaps& maps) {
 }
 
 void fillRange(const MacroblockRange& range, float value, MacroblockMaps& maps) {
+  assert(range.column >= 0 && range.column + range.columns <= maps.columns);
+  assert(range.row >= 0 && range.row + range.rows <= maps.rows);
   // Rows from edge to edge are one long row.
   const bool wide = range.columns == maps.columns && range.rows > 0;
   const int32_t columns = wide ? range.columns * range.rows : range.columns;

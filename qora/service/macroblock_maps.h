@@ -29,7 +29,7 @@ float quantizerValue(int8_t offset, int32_t bitrateMode);
 // Marks every macroblock unchanged. The quantizer map is left: cells keep what they were given.
 void markAllUnchanged(MacroblockMaps& maps);
 
-// Marks a range changed and gives it a quantizer offset.
+// Marks a range, which lies inside the picture, changed and gives it a quantizer offset.
 void fillRange(const MacroblockRange& range, float value, MacroblockMaps& maps);
 
 // All of the above for one rectangle: marks what it touches and gives it its quantizer offset. 1; 0

@@ -27,7 +27,7 @@ void copyRows(uint8_t* to, ptrdiff_t toStride, const uint8_t* from, ptrdiff_t fr
 void copyRegion(const RegionCopy& copy, const PlanarView& from, const PlanarView& to) {
   copyRows(at(to, 0, copy.destinationX, copy.destinationY), to.stride[0],
            at(from, 0, copy.sourceX, copy.sourceY), from.stride[0], copy.width, copy.height);
-  // The flags move the source only; that the destination stays is intended.
+  // The flags move the source only: decoders that mirror the copies do the same.
   const int32_t right = (copy.flags & kChromaRightFlag) != 0 ? 2 : 0;
   const int32_t down = (copy.flags & kChromaDownFlag) != 0 ? 2 : 0;
   copyRows(at(to, 1, evenBelow(copy.destinationX), copy.destinationY / 2), to.stride[1],

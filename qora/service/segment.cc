@@ -22,21 +22,6 @@ void logError(int32_t error) {
               << "'.\n";
 }
 
-void detach() {
-  if (segment.address != nullptr) {
-    const int32_t error = errno;
-    if (::shmdt(segment.address) == -1) {
-      KeepErrno keep;
-      logStream() << "CodecSegment: ERROR! Failed to detach from segment id " << segment.id
-                  << " with address " << segment.address << ".\n";
-      logError(keep.value);
-    } else {
-      errno = error;
-    }
-  }
-  segment = {};
-}
-
 }  // namespace
 
 PictureSegment& pictureSegment() {
@@ -46,13 +31,12 @@ PictureSegment& pictureSegment() {
 int32_t attachSegment(uint8_t* message, int32_t size) {
   if (completeMessage(message, size, kSegmentBody) == -1) return -1;
   const int32_t id = parseSegmentId(message);
-  if (segment.id != -1) detach();
+  releaseSegment();
   void* address = ::shmat(id, nullptr, 0);
   if (address == reinterpret_cast<void*>(-1)) {
     KeepErrno keep;
     logStream() << "CodecSegment: ERROR! Failed to attach to segment id " << id << ".\n";
     logError(keep.value);
-    segment = {};
     return -1;
   }
   segment = {.id = id, .address = address};
@@ -68,13 +52,19 @@ int32_t removeSegment(uint8_t* message, int32_t size) {
     logStream() << "CodecSegment: ERROR! Cannot remove unknow segment id " << id << ".\n";
     return -1;
   }
-  detach();
-  return 1;
+  // Also for -1 while nothing is attached: parents tidy up without keeping count.
+  return releaseSegment();
 }
 
-int32_t detachSegment() {
+int32_t releaseSegment() {
   if (segment.id == -1) return 1;
-  detach();
+  if (keepErrnoUnlessFailed([] { return ::shmdt(segment.address); }) == -1) {
+    KeepErrno keep;
+    logStream() << "CodecSegment: ERROR! Failed to detach from segment id " << segment.id
+                << " with address " << segment.address << ".\n";
+    logError(keep.value);
+  }
+  segment = {};
   return 1;
 }
 

@@ -98,7 +98,8 @@ int32_t addStream(uint8_t* message, int32_t size) {
     return -1;
   }
   encoder::bitrateMode() = request.bitrate > 0 ? 1 : 0;
-  // A slot in use is not emptied first: its encoder and maps stay behind, which is intended.
+  // A slot in use is not emptied first: parents that add twice rely on the old encoder staying open
+  // until the process ends.
   EncoderStream& stream = table[request.streamId];
   if (openEncoder(stream, request) == -1 || preparePictures(stream, request) == -1) return -1;
   stream.in_use = 1;

@@ -7,6 +7,7 @@
 
 #include "qora/service/channel.h"
 #include "qora/service/wire/byte_order.h"
+#include "qora/service/wire/limits.h"
 #include "qora/service/wire/messages.h"
 #include "tests/fuzz/fuzz.h"
 #include "tests/fuzz/scripted_system.h"
@@ -72,8 +73,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   script.readChunk = chunk;
   const Outcome dripped = runScripted(bytes, script);
   // How far the buffer has to grow does depend on what else it holds.
-  if (whole.capacity > qora::service::kCapacityStep ||
-      dripped.capacity > qora::service::kCapacityStep) {
+  if (whole.capacity > qora::service::kBufferStep ||
+      dripped.capacity > qora::service::kBufferStep) {
     return 0;
   }
   if (whole.status == 22 || dripped.status == 22) return 0;

@@ -39,8 +39,8 @@ inline uint32_t readUint32(const uint8_t* bytes, int32_t order) {
   return value;
 }
 
-// Unlike the readers, a writer that is asked for little-endian always stores natively, whatever
-// the host flag says. The asymmetry is intended.
+// Unlike the readers, a writer that is asked for little-endian always stores natively, whatever the
+// host flag says. Kept: who sets the flag to big-endian gets native stores for order 0.
 inline void writeUint16(uint16_t value, uint8_t* bytes, int32_t order) {
   if (order != hostByteOrder() && order != 0) value = __builtin_bswap16(value);
   memcpy(bytes, &value, sizeof value);

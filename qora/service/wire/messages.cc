@@ -1,5 +1,7 @@
 #include "qora/service/wire/messages.h"
 
+#include <cassert>
+
 namespace qora::service {
 namespace {
 
@@ -92,6 +94,7 @@ std::array<uint8_t, kRemoveStreamSize> buildRemoveStream(uint8_t streamId) {
 }
 
 std::array<uint8_t, kSegmentSize> buildSegmentMessage(CommandType type, int32_t segmentId) {
+  assert(type == CommandType::attachSegment || type == CommandType::removeSegment);
   auto message = messageOf<kSegmentSize>(type);
   put32(static_cast<uint32_t>(segmentId), &message[8]);
   return message;

@@ -30,9 +30,9 @@ inline constexpr int32_t kEncodeFixedSize = 44;  // what stands before the two l
 inline constexpr int32_t kRectangleSize = 12;
 inline constexpr int32_t kRegionCopySize = 16;
 inline constexpr int32_t kReplyHeadSize = 20;
-inline constexpr int32_t kMaxMessageSize = 1 << 20;
 inline constexpr int32_t kStreamCount = 8;
-inline constexpr uint8_t kUnknownQuantizer = 255;  // in a reply: the encoder cannot tell
+// In a reply: the encoder cannot tell. No quantizer is as large, parents test for it.
+inline constexpr uint8_t kUnknownQuantizer = 255;
 
 inline constexpr uint8_t kAnnexBFlag = 0x04;  // add stream, argument byte: start codes
 
@@ -74,7 +74,7 @@ struct RegionCopy {
 struct ReplyFields {
   uint8_t keyFrame;
   uint8_t quantizer;   // of the frame, or kUnknownQuantizer
-  uint32_t frameSize;  // bytes of coded data behind the head
+  uint32_t frameSize;  // bytes of coded data after the head
   uint32_t startTime;  // wall clock in milliseconds, low 32 bits: just before and after encoding
   uint32_t endTime;
 };
@@ -104,6 +104,7 @@ std::array<uint8_t, kSegmentSize> buildSegmentMessage(CommandType type, int32_t 
 std::array<uint8_t, kEncodeFixedSize> buildEncodeHead(const EncodeRequest& request);
 void buildRectangle(const Rectangle& rectangle, uint8_t entry[kRectangleSize]);
 void buildRegionCopy(const RegionCopy& copy, uint8_t entry[kRegionCopySize]);
+// The size field counts the head alone: parents read that much, then `frameSize` bytes.
 std::array<uint8_t, kReplyHeadSize> buildReplyHead(const ReplyFields& fields);
 
 }  // namespace qora::service
