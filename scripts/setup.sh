@@ -11,7 +11,9 @@ declare -rA groups=(
     libx264-dev" # the bridge is compiled against its header and drives its library
   [tools]="
     pkg-config
-    libseccomp-dev" # the sandbox's filter
+    libseccomp-dev
+    libxcb1-dev libxcb-damage0-dev libxcb-shm0-dev libxcb-xfixes0-dev
+    libavformat-dev libavcodec-dev libavutil-dev" # the sandbox's filter; what qora-record films and writes with
   [tests]="
     pkg-config
     libgtest-dev libgmock-dev python3-pytest

@@ -20,8 +20,9 @@ LAYERS = {
     # Not base: the bridge is loaded into our own process and must not bring a second copy along.
     "bridge": ["qora/encoder/abi/*", "qora/bridge/*"],
     "client": ["qora/base/*", "qora/service/wire/*", "qora/client/*"],
+    "capture": ["qora/base/*", "qora/client/*", "qora/capture/*"],
     "sandbox": ["qora/sandbox/*"],
-    "tools": ["qora/base/*", "qora/client/*", "qora/tools/*"],
+    "tools": ["qora/base/*", "qora/capture/*", "qora/client/*", "qora/tools/*"],
 }
 
 # The library's own header fixes one API build; everybody else lives by encoder/abi/x264_abi.h.
