@@ -1,6 +1,7 @@
 #include "qora/client/changed_rectangles.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <utility>
 
@@ -13,22 +14,6 @@ namespace {
 
 int32_t cellsIn(int32_t pixels, int32_t cellSize) {
   return (pixels + cellSize - 1) / cellSize;
-}
-
-// Stops at a row of macroblocks that is changed from end to end.
-void markRows(const Picture& before, const Picture& after, int32_t plane, int32_t macroblockRow,
-              uint8_t* changed) {
-  const int32_t blockSize = plane == 0 ? kMacroblockSize : kMacroblockSize / 2;
-  const int32_t bytes = planeWidth(after, plane);
-  const auto columns = static_cast<size_t>(cellsIn(after.width, kMacroblockSize));
-  const int32_t first = macroblockRow * blockSize;
-  const int32_t last = std::min(first + blockSize, planeHeight(after, plane));
-  for (int32_t y = first; y < last; ++y) {
-    const uint8_t* a = before.plane[plane] + static_cast<int64_t>(y) * before.stride[plane];
-    const uint8_t* b = after.plane[plane] + static_cast<int64_t>(y) * after.stride[plane];
-    markDifferentBlocks(a, b, bytes, blockSize, changed);
-    if (std::memchr(changed, 0, columns) == nullptr) return;
-  }
 }
 
 #if defined(__SSE2__)
@@ -136,6 +121,37 @@ CellMap coarserMap(const CellMap& map) {
   return coarse;
 }
 
+int32_t listCells(const CellMap& map, int32_t width, int32_t height, int32_t limit,
+                  std::vector<service::Rectangle>& list) {
+  if (limit < 1) {
+    errno = EINVAL;
+    return -1;
+  }
+  if (mergeCells(map, width, height, limit, list) == 0) {
+    CellMap coarse = coarserMap(map);
+    // Ends at the latest with one cell over the whole picture.
+    while (mergeCells(coarse, width, height, limit, list) == 0) coarse = coarserMap(coarse);
+  }
+  return static_cast<int32_t>(list.size());
+}
+
+void markChangedCells(const Picture& before, const Picture& after, int32_t row, int32_t first,
+                      int32_t end, uint8_t* changed) {
+  for (int32_t plane = 0; plane < 3; ++plane) {
+    const int32_t blockSize = plane == 0 ? kMacroblockSize : kMacroblockSize / 2;
+    const int32_t start = first * blockSize;
+    const int32_t bytes = std::min(end * blockSize, planeWidth(after, plane)) - start;
+    const int32_t last = std::min((row + 1) * blockSize, planeHeight(after, plane));
+    for (int32_t y = row * blockSize; y < last; ++y) {
+      const uint8_t* a = before.plane[plane] + int64_t{y} * before.stride[plane] + start;
+      const uint8_t* b = after.plane[plane] + int64_t{y} * after.stride[plane] + start;
+      markDifferentBlocks(a, b, bytes, blockSize, changed + first);
+      // Nothing is left to find once the row is changed from end to end.
+      if (std::memchr(changed + first, 0, static_cast<size_t>(end - first)) == nullptr) return;
+    }
+  }
+}
+
 int32_t findChangedRectangles(const Picture& before, const Picture& after, int32_t limit,
                               ChangedRectangles& changes) {
   CellMap map{.columns = cellsIn(after.width, kMacroblockSize),
@@ -145,17 +161,11 @@ int32_t findChangedRectangles(const Picture& before, const Picture& after, int32
   map.changed.assign(static_cast<size_t>(map.columns) * static_cast<size_t>(map.rows), 0);
   for (int32_t row = 0; row < map.rows; ++row) {
     uint8_t* changed = map.changed.data() + static_cast<ptrdiff_t>(row) * map.columns;
-    for (int32_t plane = 0; plane < 3; ++plane) markRows(before, after, plane, row, changed);
+    markChangedCells(before, after, row, 0, map.columns, changed);
   }
-
-  if (mergeCells(map, after.width, after.height, limit, changes.list) == 0) {
-    CellMap coarse = coarserMap(map);
-    // Ends at the latest with one cell over the whole picture.
-    while (mergeCells(coarse, after.width, after.height, limit, changes.list) == 0) {
-      coarse = coarserMap(coarse);
-    }
-  }
+  const int32_t listed = listCells(map, after.width, after.height, limit, changes.list);
   changes.map = std::move(map.changed);
+  if (listed == -1) return -1;
   return static_cast<int32_t>(std::count(changes.map.begin(), changes.map.end(), 1));
 }
 

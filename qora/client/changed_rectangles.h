@@ -1,7 +1,7 @@
 // qora/client/changed_rectangles.h -- Two pictures -> the rectangles that changed from one to the
 // other.
 //
-// The encoder works on macroblocks, so changes are found and told in whole macroblocks of 16x16
+// The encoder works on macroblocks, so changes are found and reported in whole macroblocks of 16x16
 // pixels, clipped to the picture. Pure; as fast as comparing the memory where nothing changed.
 #pragma once
 
@@ -23,7 +23,7 @@ struct ChangedRectangles {
 
 // Compares two pictures of one size. No more than `limit` (at least 1) rectangles are listed: where
 // the exact ones would be more, they are drawn on a coarser grid and cover unchanged macroblocks as
-// well. Returns the number of changed macroblocks.
+// well. Returns the number of changed macroblocks; -1 with EINVAL for a limit below 1.
 int32_t findChangedRectangles(const Picture& before, const Picture& after, int32_t limit,
                               ChangedRectangles& changes);
 
@@ -52,6 +52,10 @@ void markDifferentBlocks(const uint8_t* before, const uint8_t* after, int32_t by
 void markDifferentBlocksPlain(const uint8_t* before, const uint8_t* after, int32_t bytes,
                               int32_t blockSize, uint8_t* changed);
 
+// Sets changed[i] when macroblock i of a row of macroblocks differs, for the columns [first, end).
+void markChangedCells(const Picture& before, const Picture& after, int32_t row, int32_t first,
+                      int32_t end, uint8_t* changed);
+
 // A map of cells of `cellSize` pixels over a picture.
 struct CellMap {
   int32_t columns;
@@ -66,5 +70,9 @@ int32_t mergeCells(const CellMap& map, int32_t width, int32_t height, int32_t li
                    std::vector<service::Rectangle>& list);
 // The same changes on cells of twice the size.
 CellMap coarserMap(const CellMap& map);
+// Lists the changed cells, on coarser cells where they would be more than `limit`. Returns the
+// number listed, -1 with EINVAL for a limit below 1.
+int32_t listCells(const CellMap& map, int32_t width, int32_t height, int32_t limit,
+                  std::vector<service::Rectangle>& list);
 
 }  // namespace qora::client
