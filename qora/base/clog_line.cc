@@ -3,6 +3,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cassert>
 #include <cstdio>
 #include <ctime>
 #include <iostream>
@@ -12,6 +13,7 @@
 namespace qora {
 
 void formatClock(const timeval& time, char* text, size_t size) {
+  assert(text != nullptr && size > 0);
   tm local{};
   localtime_r(&time.tv_sec, &local);
   snprintf(text, size, "%02d:%02d:%02d %07.3f", local.tm_hour, local.tm_min, local.tm_sec,

@@ -14,7 +14,7 @@ struct Caller {
   const char* context;
 };
 
-// How a line ends: behind the context, or with a value behind that.
+// How a line ends: after the context, or with a value after that.
 struct PlainEnd {};
 template <typename Value>
 struct ValueEnd {

@@ -13,7 +13,8 @@ struct ErrorName {
   const char* name;
 };
 
-// Sorted by value. The gaps (15, 26, 40, 41 and others) are intended: they read "Unknown".
+// Sorted by value. The gaps (15, 26, 40, 41 and others) stay: what filters our logs knows these as
+// "Unknown".
 constexpr ErrorName kErrorNames[] = {
     {0, "Success"},        {1, "EPERM"},          {2, "ENOENT"},
     {3, "ESRCH"},          {4, "EINTR"},          {5, "EIO"},

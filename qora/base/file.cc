@@ -4,6 +4,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <cassert>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -49,7 +50,7 @@ char* joinPath(const char* dir, const char* name) {
   if (path == nullptr) return nullptr;
   if (dirSize != 0) {
     memcpy(path, dir, dirSize - 1);
-    // Also behind a directory that ends in one: a doubled slash is intended.
+    // Also after a directory that ends in one: callers compare these paths as texts.
     path[dirSize - 1] = '/';
   }
   memcpy(path + dirSize, name, nameSize);
@@ -114,10 +115,12 @@ int32_t isDirectoryMode(const struct stat& status) {
 }
 
 int32_t isRootedPath(const char* path) {
+  assert(path != nullptr);
   return path[0] == '/' || (strncmp(path, "../", 3) == 0 && path[3] != '\0');
 }
 
 int32_t changeOwner(const char* path, uint32_t user, uint32_t group) {
+  assert(path != nullptr);
   if (::chown(path, user, group) == 0) return 1;
   const KeepErrno keep;
   logStream() << "File: ERROR! Can't change ownership of '" << path << "'.\n";
@@ -142,6 +145,7 @@ int32_t bytesReadable(int32_t fd) {
 }
 
 int32_t bytesReadable(int32_t fd, int32_t* count) {
+  assert(count != nullptr);
   return ::ioctl(fd, FIONREAD, count);
 }
 
@@ -152,6 +156,7 @@ int32_t bytesWritable(int32_t fd) {
 }
 
 char* readLine(int32_t fd, char* buffer, int32_t capacity) {
+  assert(buffer != nullptr);
   if (capacity < 2) return nullptr;
   char* end = buffer;
   char* const last = buffer + capacity - 1;
@@ -164,6 +169,7 @@ char* readLine(int32_t fd, char* buffer, int32_t capacity) {
 }
 
 int32_t writeString(int32_t fd, const char* text) {
+  assert(text != nullptr);
   const auto length = static_cast<int32_t>(strlen(text));
   int32_t written = 0;
   while (written < length) {

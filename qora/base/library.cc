@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 
+#include <cassert>
 #include <cerrno>
 
 #include "qora/base/error_text.h"
@@ -11,7 +12,7 @@ namespace qora::library {
 
 void* open(const char* path) {
   if (path == nullptr) {
-    // "libary" is intended: what reads the log looks for the line as it has always been.
+    // "libary" is how this line has always been written: what filters our logs looks for it.
     logStream() << "Library: ERROR! Invalid libary path 'nil'.\n";
     errno = EINVAL;
     return nullptr;
@@ -22,11 +23,12 @@ void* open(const char* path) {
 }
 
 void* resolve(void* handle, const char* name) {
+  assert(name != nullptr);
   void* const address = dlsym(handle, name);
   if (address != nullptr) return address;
   const char* const reason = dlerror();
   logStream() << "Library: WARNING! Could not resolve symbol '" << name << "'.\n";
-  // No full stop here, unlike the line of close(): intended.
+  // No full stop here, unlike the line of close(): what filters our logs looks for both.
   logStream() << "Library: WARNING! Error is '" << orNil(reason) << "'\n";
   errno = ENOMSG;
   return nullptr;

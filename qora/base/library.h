@@ -1,4 +1,5 @@
-// qora/base/library.h -- Shared libraries through the dynamic loader. No state, any thread.
+// qora/base/library.h -- Shared libraries through the dynamic loader. No state, any thread. "Lines"
+// are lines on the log stream.
 #pragma once
 
 #include <cstdint>

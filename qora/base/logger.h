@@ -2,7 +2,7 @@
 //     logStream() << "CodecSegment: ERROR! Failed to attach to segment id " << id << ".\n";
 // An accessor flushes its stream, writes the prefix and returns the stream; the caller writes the
 // rest and the newline. The logger's recursive mutex covers flush and prefix only: two threads'
-// lines may mix behind their prefixes. The accessors leave errno as it was; what the caller inserts
+// lines may mix after their prefixes. The accessors leave errno as it was; what the caller inserts
 // may still change it, so a function whose errno matters holds a KeepErrno around its lines.
 #pragma once
 
@@ -48,7 +48,7 @@ struct Logger {
   std::ostream& plainErrorStream();  // error stream, no prefix
   std::ostream& plainLogStream();    // log stream, no prefix
   void flushAll();
-  // Writes `text` and a "/" behind the log prefix; a null text sets the stream's fail state.
+  // Writes the log prefix, `text` and a "/"; a null text makes the stream bad.
   void logText(const char* text);
 
   // Where the outputs go. Results: 1 done; 0 nothing to do: no name, no stream, or, for log and

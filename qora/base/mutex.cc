@@ -1,5 +1,6 @@
 #include "qora/base/mutex.h"
 
+#include <cassert>
 #include <ctime>
 
 #include "qora/base/clog_line.h"
@@ -35,26 +36,31 @@ timespec deadlineIn(int32_t timeout) {
 }  // namespace
 
 void initMutex(pthread_mutex_t* mutex) {
+  assert(mutex != nullptr);
   if (initRecursive(mutex) != -1) return;
   standardErrorLog() << "Mutex: ERROR! Failed to initialize the mutex.\n";
   standardErrorLog() << "Failed to initialize the mutex.\n";
 }
 
 void destroyMutex(pthread_mutex_t* mutex) {
+  assert(mutex != nullptr);
   pthread_mutex_destroy(mutex);
 }
 
 int32_t lockMutexTimed(pthread_mutex_t* mutex, int32_t timeout) {
+  assert(mutex != nullptr);
   const timespec deadline = deadlineIn(timeout);
   return pthread_mutex_timedlock(mutex, &deadline) == 0;
 }
 
 void lockMutexSpinning(pthread_mutex_t* mutex) {
+  assert(mutex != nullptr);
   while (pthread_mutex_trylock(mutex) != 0) {
   }
 }
 
 void resetMutex(pthread_mutex_t* mutex) {
+  assert(mutex != nullptr);
   pthread_mutex_t fresh;
   if (initRecursive(&fresh) == -1) {
     standardErrorLog() << "Mutex: ERROR! Failed to reset the mutex.\n";

@@ -1,5 +1,6 @@
 #include "qora/base/options.h"
 
+#include <cassert>
 #include <cstdio>
 #include <cstring>
 
@@ -15,7 +16,7 @@ bool isSilent(const char* letters) {
   return processState.printErrors == 0 || letters[0] == ':';
 }
 
-// Steps into the next argument, behind its '-'. False when the options end here.
+// Steps into the next argument, after its '-'. False when the options end here.
 bool enterArgument(OptionState& state, int32_t count, char* const* arguments) {
   state.restart = 0;
   state.position = "";
@@ -77,6 +78,7 @@ void resetOptions() {
 }
 
 int32_t parseOption(int32_t count, char* const* arguments, const char* letters) {
+  assert(arguments != nullptr);
   OptionState& state = processState;
   if (letters == nullptr) return kEnd;
   if (state.restart != 0 || *state.position == '\0') {

@@ -1,7 +1,8 @@
 // qora/base/process.h -- This process and others: status, priority, identity, start.
 //
-// Failures stand on the log stream, one line telling what failed and one telling errno, and leave
-// errno as the failing call set it.
+// A failure is reported in two lines on the log stream, what failed and errno, and leaves errno as
+// the failing call set it. Texts are not null unless null is named. Where memory runs out the
+// program is aborted.
 #pragma once
 
 #include <grp.h>
@@ -24,8 +25,8 @@ namespace qora::process {
 [[nodiscard]] int32_t isProcessAlive(pid_t process);
 [[nodiscard]] int32_t isAlive(pid_t process);
 
-// What a status of the wait calls tells. Tests give 1 or 0; a signal's number or name means
-// something only when its test gives 1.
+// What a status of the wait calls means. Tests give 1 or 0; an exit status and a signal's number or
+// name mean something only when their test gives 1.
 int32_t exitedNormally(int32_t status);
 int32_t exitStatus(int32_t status);
 int32_t killedBySignal(int32_t status);
@@ -36,7 +37,7 @@ int32_t stopSignal(int32_t status);
 const char* stopSignalName(int32_t status);
 
 // One number for how a process ended: its exit status, or 4 when a signal killed it. Any other
-// status comes back unchanged behind a warning.
+// status comes back unchanged after a warning.
 int32_t exitCode(int32_t status);
 
 // Priority classes, understood wherever a niceness value is.
@@ -65,9 +66,10 @@ int32_t isLocalHostName(const char* name);
 // The variable TEMP, else TMP, whichever is set and not empty, else "/tmp". Not a copy.
 const char* temporaryDirectory();
 
-// A name that is new as far as thread and clock tell; no file is made or looked for. A null
-// directory means temporaryDirectory(), a null prefix "T-". An empty directory gives the bare name
-// behind a warning. Released with free; null when there is no memory.
+// A name out of the thread's id and the clock's microseconds; no file is made or looked for. A null
+// directory means temporaryDirectory(), a null prefix "T-". An empty directory gives the bare name,
+// after a warning. The name without its directory is cut at 1023 bytes. Released with free; null
+// when there is no memory.
 [[nodiscard]] char* temporaryName(const char* directory, const char* prefix);
 
 // --- identity (process_identity.cc) ---
@@ -77,13 +79,16 @@ const char* temporaryDirectory();
 [[nodiscard]] int32_t setGroupId(gid_t group);
 
 // Looks a user or group up by name or id. 1: the record is filled and its texts stand in `scratch`,
-// an array that the caller deletes. -1 (ENOENT: unknown): `scratch` is null.
+// an array that the caller deletes. -1: `scratch` is null; ENOENT: unknown.
+// The array has the size that sysconf(3) names and does not grow: an entry that needs more, such as
+// a group with many members, is never found (ERANGE).
 [[nodiscard]] int32_t lookupUser(const char* name, passwd& record, char*& scratch);
 [[nodiscard]] int32_t lookupGroup(const char* name, group& record, char*& scratch);
 [[nodiscard]] int32_t lookupUserById(uid_t id, passwd& record, char*& scratch);
 [[nodiscard]] int32_t lookupGroupById(gid_t id, group& record, char*& scratch);
 
-// The id of a name, or -1.
+// The id of a name, or -1. An id of 2^31 or more comes back negative; lookupUser and lookupGroup
+// give it whole.
 [[nodiscard]] int32_t userIdOf(const char* name);
 [[nodiscard]] int32_t groupIdOf(const char* name);
 // Puts the name of an id into the string slot. 1, or -1 with the slot as it was.
@@ -94,8 +99,9 @@ using options::parseOption;
 
 // --- start (process_start.cc) ---
 
-// fork, while no other thread is inside an accessor of the logger; the child gets a fresh logger
-// mutex. 0 in the child, the child's process id in the parent, or -1 (nothing is logged).
+// Forks while no other thread is inside an accessor of the logger; the child gets a fresh logger
+// mutex, so both may log on. 0 in the child, the child's process id in the parent, or -1 (nothing
+// is logged).
 [[nodiscard]] pid_t forkProcess();
 
 // Runs the program at `path` in this process: with an environment exactly that file and those
@@ -110,9 +116,11 @@ int32_t execProgram(const char* path, int32_t count, const char* const arguments
 //                   on, then null. Fewer than two entries: -1 with EINVAL.
 //   environment     as execProgram takes it.
 //   input, output,  become the child's descriptors 0, 1 and 2 and are closed there under their
-//   error           old numbers; -1 or that very number keeps the parent's. One descriptor may
-//                   serve several roles when each of them names it.
-//   priority        niceness or priority class of the child.
+//   error           old numbers. One descriptor may serve several roles when each of them names it.
+//                   -1 or the role's own number keeps the parent's, but not a number that serves
+//                   another role: input 1 and output -1 leave the child without an output.
+//   priority        niceness or priority class of the child. It is always set: there is no value
+//                   that keeps the parent's, and -1 is niceness -1.
 //   keepPrivileges  0: the child gives up set-user and set-group privileges.
 // Returns the child's process id, to be waited for, or -1. The child logs nothing: a program that
 // cannot be run shows only in the exit status, which is then the errno of the exec.

@@ -1,5 +1,6 @@
 #include <unistd.h>
 
+#include <cassert>
 #include <cerrno>
 
 #include "qora/base/process.h"
@@ -15,7 +16,7 @@ constexpr long kDefaultScratchSize = 16384;
 template <typename Key, typename Record>
 using LookupCall = int (*)(Key, Record*, char*, size_t, Record**);
 
-// Makes one such call with a scratch array of the size that `limit`, a name of sysconf, tells.
+// Makes one such call with a scratch array of the size that sysconf gives for `limit`.
 template <typename Key, typename Record>
 int32_t lookup(LookupCall<Key, Record> call, int32_t limit, Key key, Record& record,
                char*& scratch) {
@@ -44,11 +45,13 @@ int32_t setGroupId(gid_t group) {
 }
 
 int32_t lookupUser(const char* name, passwd& record, char*& scratch) {
+  assert(name != nullptr);
   if (lookup(::getpwnam_r, _SC_GETPW_R_SIZE_MAX, name, record, scratch) == 1) return 1;
   return failed(kIdentityError, "Can't get information for user '", name, "'.");
 }
 
 int32_t lookupGroup(const char* name, group& record, char*& scratch) {
+  assert(name != nullptr);
   if (lookup(::getgrnam_r, _SC_GETGR_R_SIZE_MAX, name, record, scratch) == 1) return 1;
   return failed(kIdentityError, "Can't get information for group '", name, "'.");
 }

@@ -1,5 +1,6 @@
 #include "qora/base/process_parameters.h"
 
+#include <cassert>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
@@ -37,10 +38,12 @@ bool isEmpty(const char* text) {
 }  // namespace
 
 void escapeParameter(char* text) {
+  assert(text != nullptr);
   translate(text, &Escape::plain, &Escape::stored);
 }
 
 void unescapeParameter(char* text) {
+  assert(text != nullptr);
   translate(text, &Escape::stored, &Escape::plain);
 }
 
@@ -57,6 +60,7 @@ int32_t isValidParameter(const char* key, const char* value, int32_t limit) {
 }
 
 int32_t parseCount(const char* text) {
+  assert(text != nullptr);
   if (*text < '0' || *text > '9') return -1;
   KeepErrno keep;
   const long long value = ::strtoll(text, nullptr, 10);
@@ -64,6 +68,7 @@ int32_t parseCount(const char* text) {
 }
 
 int32_t isItem(const char* position, const char* key) {
+  assert(position != nullptr && key != nullptr);
   for (; *key != '\0'; ++key, ++position) {
     if (*position != *key || *position == ',') return 0;
   }

@@ -5,12 +5,14 @@
 
 namespace qora::process {
 
+// No text may be null unless null is named.
+
 // Inside a key or value "," "=" and the blank are stored as 0x1E, 0x1D and 0x1F. Both in place.
 void escapeParameter(char* text);
 void unescapeParameter(char* text);
 
-// 1 for a text without "=" and "," that is shorter than `limit` bytes, else -1; a blank passes.
-// Limit 0 means 1024, -1 any length.
+// 1 for a text without "=" and "," that is shorter than `limit` bytes, else -1, also for null; a
+// blank passes. Limit 0 means 1024, -1 any length; any other negative one lets nothing pass.
 int32_t isValidParameterText(const char* text, int32_t limit);
 // 1 when the key passes with limit 0 and the value with `limit`, else -1.
 int32_t isValidParameter(const char* key, const char* value, int32_t limit);

@@ -1,5 +1,6 @@
 #include <unistd.h>
 
+#include <cassert>
 #include <cerrno>
 
 #include "qora/base/mutex.h"
@@ -16,8 +17,8 @@ int32_t redirect(int32_t from, int32_t role) {
   return 1;
 }
 
-// A descriptor with several roles is closed once, behind its last one. The marks tell where a role
-// is served from by now, so that none is closed that way.
+// A descriptor with several roles is closed once, after its last one. The marks are where a role is
+// served from by now, so that none is closed that way.
 void redirectStandardDescriptors(int32_t input, int32_t output, int32_t error) {
   int32_t inputMark = input;
   if (redirect(input, STDIN_FILENO) == 1) {
@@ -59,6 +60,7 @@ pid_t forkProcess() {
 
 int32_t execProgram(const char* path, int32_t /*count*/, const char* const arguments[],
                     const char* const environment[]) {
+  assert(path != nullptr && arguments != nullptr);
   // The exec calls change no text; their declarations are older than const.
   char* const* argv = const_cast<char* const*>(arguments);
   if (environment != nullptr) {
@@ -72,6 +74,7 @@ int32_t execProgram(const char* path, int32_t /*count*/, const char* const argum
 pid_t createProcess(const void* /*unused*/, const char* const program[],
                     const char* const environment[], int32_t input, int32_t output, int32_t error,
                     int32_t priority, int32_t keepPrivileges) {
+  assert(program != nullptr);
   int32_t entries = 0;
   while (program[entries] != nullptr) ++entries;
   if (entries < 2) {
@@ -97,7 +100,7 @@ int32_t detachFromTerminal() {
   if (::daemon(keepDirectory, keepDescriptors) == 0) return 1;
   KeepErrno keep;
   logStream() << "Process: WARNING! Detach from terminal failed.\n";
-  // "Provess" is meant: whoever filters our logs knows this line by it.
+  // "Provess" is how this line has always been written: what filters our logs looks for it.
   logStream() << "Provess: WARNING! Error is " << keep.value << " '" << errorText(keep.value)
               << "'.\n";
   return -1;

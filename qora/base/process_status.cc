@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cassert>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -95,7 +96,7 @@ int32_t setPriority(int32_t value) {
 
 int32_t changePriority(int32_t increment) {
   errno = 0;
-  // A negative result may be the new niceness; errno alone tells that from a failure.
+  // A negative result may be the new niceness; errno alone sets that apart from a failure.
   if (::nice(increment) >= 0 || errno == 0) return 1;
   return failed(kStatusError, "Can't change priority by ", increment, ".");
 }
@@ -110,6 +111,7 @@ const char* hostName() {
 }
 
 int32_t isLocalHostName(const char* name) {
+  assert(name != nullptr);
   for (const char* loopback : kLoopbackNames) {
     if (strcmp(name, loopback) == 0) return 1;
   }

@@ -11,7 +11,8 @@ namespace {
 
 constexpr const char* kUnnamed = "None";
 
-// By number. The unnamed ones (5, 7, 16, 23, 24, 25, 27, 30, 31) are left out on purpose.
+// By number. The unnamed ones (5, 7, 16, 23, 24, 25, 27, 30, 31) stay "None": what filters our logs
+// knows them so.
 constexpr const char* kSignalNames[] = {
     kUnnamed, "SIGHUP",  "SIGINT",    "SIGQUIT", "SIGILL",   kUnnamed,  "SIGABRT", kUnnamed,
     "SIGFPE", "SIGKILL", "SIGUSR1",   "SIGSEGV", "SIGUSR2",  "SIGPIPE", "SIGALRM", "SIGTERM",

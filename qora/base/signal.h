@@ -1,5 +1,5 @@
-// qora/base/signal.h -- The signal calls with their failures told on the log stream, and names.
-// errno is that of the call.
+// qora/base/signal.h -- The signal calls with a line on the log stream for a failure, and names.
+// errno is that of the call. Old values are stored unless their pointer is null.
 #pragma once
 
 #include <signal.h>
@@ -15,13 +15,14 @@ namespace qora::signal {
 
 using Handler = void (*)(int);
 
-// 0, or the error number that pthread_sigmask(3) returned.
+// 0, or the error number that pthread_sigmask(3) returned; that call leaves errno alone, so the
+// line shows whatever errno was before.
 int32_t setSignalMask(int32_t how, const sigset_t* newSet, sigset_t* oldSet);
 // 0, or -1.
 int32_t setSignalAction(int32_t number, const struct sigaction* action, struct sigaction* old);
 int32_t setIntervalTimer(int32_t which, const itimerval* value, itimerval* old);
-// The previous handler. A failure gives null, which is also the default handler: only errno or the
-// log tells them apart.
+// The previous handler. A failure gives null, which is also the default handler: only errno (clear
+// it before) and the line set them apart.
 Handler setSignalHandler(int32_t number, Handler handler);
 
 void clearSignalAction(struct sigaction& action);

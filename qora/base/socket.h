@@ -1,7 +1,8 @@
 // qora/base/socket.h -- Socket options, and what the kernel underneath is able to do.
 // Results: 1 or a count, 0 where the system lacks the option, -1 with the system's errno. "Level n"
-// behind an operation names the least support level that it needs. A failure is told on the log
-// stream behind "Socket: ERROR! " and, without those words, on the error stream.
+// after an operation names the least support level that it needs. A failure is reported on the log
+// stream after "Socket: ERROR! " and, without those words, on the error stream. Nothing may be null
+// unless null is named.
 #pragma once
 
 #include <netdb.h>
@@ -18,9 +19,9 @@ struct SystemSupport {
 };
 SystemSupport& systemSupport();
 
-// The level of a kernel by its name and release as uname(2) tells them.
+// The level of a kernel by its name and release as in uname(2).
 int32_t supportLevelOf(const char* kernelName, const char* release);
-// Asks uname(2) and sets the level; two warnings and level 0 when the kernel refuses to tell.
+// Asks uname(2) and sets the level; two warnings and level 0 when that fails.
 void detectSystemSupport();
 // Detects unless that was done before; always 1.
 int32_t ensureSystemSupport();
@@ -30,8 +31,8 @@ int32_t setNonBlocking(int32_t fd, int32_t enable);
 // Sets the descriptor flags to `value`: 1 closes the descriptor on exec, 0 keeps it.
 int32_t setNoInherit(int32_t fd, int32_t value);
 
-// The options. An error that means "not for this kind of socket" is not told by setNoDelay and
-// setLowDelay.
+// The options. setNoDelay and setLowDelay do not report an error that means "not for this kind of
+// socket".
 int32_t setNoDelay(int32_t fd, int32_t enable);
 int32_t setCork(int32_t fd, int32_t enable);  // level 3
 int32_t setReceiveBuffer(int32_t fd, int32_t bytes);
@@ -43,7 +44,8 @@ int32_t setReuseAddress(int32_t fd, int32_t enable);
 int32_t setQuickAck(int32_t fd, int32_t enable);  // level 3
 
 // The value of one of these, or -1. The first fails whenever the status flags of the descriptor are
-// not all zero, so it never gives anything but 0 or -1; that is intended.
+// not all zero, so it never gives anything but 0 or -1: callers of old live with that, ask
+// fcntl(2) instead. Any other number is -1 with ENOSYS and a warning before the failure's lines.
 constexpr int32_t kQueryNonBlocking = 0;
 constexpr int32_t kQueryNoDelay = 2;
 int32_t queryOption(int32_t fd, int32_t option);
@@ -60,17 +62,19 @@ int32_t pendingError(int32_t fd);
 [[nodiscard]] int32_t createSocketPipe(int32_t (&fds)[2], int32_t bufferSize);
 
 // Turns an IPv4 address that is mapped into IPv6 into a plain one, in place, and sets its length;
-// leaves any other as it is. Returns the address.
+// leaves any other as it is. Returns the address. Of an IPv6 address all 28 bytes are read,
+// whatever `length` says.
 sockaddr* unmapIPv4Address(sockaddr* address, socklen_t& length);
 
-// The ends of a socket.
+// The ends of an IP socket. Of a local socket the host is "localhost" and the port 0; any other
+// kind is a failure whose errno means nothing.
 constexpr int32_t kRemote = 0;
 constexpr int32_t kLocal = 1;
 // The numeric address of an end in a new array, the caller's to delete[]; or null.
 [[nodiscard]] char* hostText(int32_t fd, int32_t end);
-// The port of an end, 0 for a local socket; or -1.
+// The port of an end, or -1.
 int32_t portOf(int32_t fd, int32_t end);
-// Both of both ends, the hosts into string slots; "UNKNOWN" is a host that cannot be told. 1, or -1
+// Both of both ends, the hosts into string slots; a host that cannot be had is "UNKNOWN". 1, or -1
 // when a port is missing.
 int32_t networkInfo(int32_t fd, char*& localHost, int32_t& localPort, char*& remoteHost,
                     int32_t& remotePort);
@@ -78,9 +82,11 @@ int32_t networkInfo(int32_t fd, char*& localHost, int32_t& localPort, char*& rem
 // Names and IPv4 addresses in network order. These use the C library's static records and the
 // text of addressText() is one as well: one thread at a time.
 
-// The address of a host name or dotted text; 0 with EADDRNOTAVAIL when there is none.
+// The address of a host name or dotted text, 0 with EADDRNOTAVAIL when there is none; null and
+// empty texts have none and are not reported.
 uint32_t resolveAddress(const char* host);
-// The record of the host with that dotted address, valid until the next look-up; or null.
+// The record of the host with that dotted address, valid until the next look-up; or null, also for
+// a null text.
 [[nodiscard]] const hostent* lookupAddress(const char* text);
 // What a value of h_errno means.
 const char* resolverErrorText(int32_t number);

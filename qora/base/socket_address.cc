@@ -1,6 +1,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 
+#include <cassert>
 #include <cstdlib>
 #include <cstring>
 
@@ -33,6 +34,7 @@ struct EndAddress {
 
 // 0, or -1.
 int32_t readAddress(int32_t fd, int32_t end, EndAddress& out) {
+  assert(end == kRemote || end == kLocal);
   const auto call = end == kRemote ? ::getpeername : ::getsockname;
   if (call(fd, out.address(), &out.length) == -1) return -1;
   unmapIPv4Address(out.address(), out.length);
@@ -62,6 +64,7 @@ void reportResolverFailure(const char* text) {
 }  // namespace
 
 sockaddr* unmapIPv4Address(sockaddr* address, socklen_t& length) {
+  assert(address != nullptr);
   if (address->sa_family != AF_INET6) return address;
   sockaddr_in6 mapped;
   memcpy(&mapped, address, sizeof mapped);
@@ -156,7 +159,7 @@ const char* resolverErrorText(int32_t number) {
 
 int32_t isAddressText(const char* text) {
   if (text == nullptr || text[0] == '\0') return -1;
-  // The colon is meant: a port behind the address is let through.
+  // The colon lets a port after the address pass: callers hand over both in one text.
   return text[strspn(text, "0123456789.:")] == '\0' ? 1 : 0;
 }
 

@@ -7,6 +7,7 @@
 #include <sys/utsname.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cstdio>
 #include <cstring>
 
@@ -28,13 +29,13 @@ constexpr ReleaseLevel kLinuxReleases[] = {
     {"2.0.", 2}, {"2.2.", 2}, {"2.4.", 3}, {"2.6.", 4}, {"2.8.", 4},
 };
 
-enum Told { kError, kErrorInTwoLines, kWarning };
+enum Report { kError, kErrorInTwoLines, kWarning };
 
 struct IntegerOption {
   int32_t level, name;  // as setsockopt(2) takes them
   int32_t support;      // least support level; below it nothing is done
-  int32_t silent[2];    // errors that are not told
-  Told told;
+  int32_t silent[2];    // errors that are not reported
+  Report report;
   const char* failure;  // for printf: argument 1 is the descriptor, 2 the value
 };
 
@@ -70,7 +71,7 @@ void reportOption(const IntegerOption& option, int32_t fd, int32_t value) {
   const ErrorIs reason;
   char failure[96];
   snprintf(failure, sizeof failure, option.failure, fd, value);
-  switch (option.told) {
+  switch (option.report) {
     case kError:
       return reportError(failure, " ", reason);
     case kErrorInTwoLines:
@@ -102,6 +103,7 @@ SystemSupport& systemSupport() {
 }
 
 int32_t supportLevelOf(const char* kernelName, const char* release) {
+  assert(kernelName != nullptr && release != nullptr);
   if (strcmp(kernelName, "SunOS") == 0) return 1;
   if (strcmp(kernelName, "Linux") != 0) return 0;
   for (const ReleaseLevel& row : kLinuxReleases) {

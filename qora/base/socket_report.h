@@ -1,4 +1,5 @@
-// qora/base/socket_report.h -- How the socket family tells its failures; for its own sources only.
+// qora/base/socket_report.h -- How the socket family reports its failures; for its own sources
+// only.
 #pragma once
 
 #include <ostream>
@@ -17,7 +18,7 @@ inline std::ostream& operator<<(std::ostream& stream, const ErrorIs& is) {
   return stream << "Error is " << is.error << " '" << errorText(is.error) << "'.";
 }
 
-// One line made of `pieces`, on the log stream behind "Socket: ERROR! " and bare on the error
+// One line made of `pieces`, on the log stream after "Socket: ERROR! " and bare on the error
 // stream. errno stays.
 template <typename... Pieces>
 void reportError(const Pieces&... pieces) {

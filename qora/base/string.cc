@@ -1,6 +1,7 @@
 #include "qora/base/string.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstdio>
 #include <cstring>
 #ifdef __SSE2__
@@ -23,7 +24,7 @@ void store(char*& slot, char* array) {
   slot = array;
 }
 
-// Copies `length` bytes and returns the place behind them.
+// Copies `length` bytes and returns the place after them.
 char* put(char* out, const char* from, size_t length) {
   if (length > 0) memcpy(out, from, length);
   return out + length;
@@ -56,7 +57,7 @@ int32_t countStrides(const uint8_t* data, size_t rounds, __m128i wanted) {
   return sumOfBytes(first) + sumOfBytes(second) + sumOfBytes(third) + sumOfBytes(fourth);
 }
 
-// Counts in the whole blocks of [data, end) and moves `data` behind them.
+// Counts in the whole blocks of [data, end) and moves `data` past them.
 int32_t countBlocks(const uint8_t*& data, const uint8_t* end, uint8_t value) {
   const __m128i wanted = _mm_set1_epi8(static_cast<char>(value));
   int32_t count = 0;
@@ -93,12 +94,14 @@ void newBufferFrom(char*& slot, const char* source) {
 }
 
 void newSizedBuffer(char*& slot, int32_t size) {
+  assert(size >= 1);
   char* array = new char[static_cast<size_t>(size)];
   array[0] = '\0';
   store(slot, array);
 }
 
 char* copyPrefix(const char* source, int32_t length) {
+  assert(length >= 0);
   if (source == nullptr) return nullptr;
   const auto room = static_cast<size_t>(length);
   char* array = new char[room + 1];
@@ -143,6 +146,7 @@ void append(char*& slot, const char* first, const char* second, const char* thir
 }
 
 void appendBytes(char*& slot, const void* data, int32_t count) {
+  assert(count >= 0);
   if (data == nullptr || count <= 0) return;
   const size_t length = lengthOf(slot), added = static_cast<size_t>(count);
   char* const array = new char[length + added + 1];
@@ -151,6 +155,7 @@ void appendBytes(char*& slot, const void* data, int32_t count) {
 }
 
 int32_t replaceAll(char*& slot, const char* pattern, const char* replacement) {
+  assert(pattern != nullptr && replacement != nullptr);
   const size_t length = lengthOf(slot), removed = strlen(pattern), added = strlen(replacement);
   if (length == 0 || removed == 0) return 0;
   size_t count = 0;
@@ -169,6 +174,7 @@ int32_t replaceAll(char*& slot, const char* pattern, const char* replacement) {
 }
 
 int32_t replacePrefix(char*& slot, const char* prefix, const char* replacement) {
+  assert(prefix != nullptr && replacement != nullptr);
   if (slot == nullptr || startsWith(slot, prefix) == nullptr) return 0;
   const char* const rest = slot + strlen(prefix);
   const size_t added = strlen(replacement), kept = strlen(rest) + 1;
@@ -192,6 +198,7 @@ void clockText(char*& slot, const timeval& time) {
 }
 
 char* dottedQuad(char* buffer, uint32_t address) {
+  assert(buffer != nullptr);
   snprintf(buffer, kDottedQuadSize, "%d.%d.%d.%d", static_cast<uint8_t>(address),
            static_cast<uint8_t>(address >> 8), static_cast<uint8_t>(address >> 16),
            static_cast<uint8_t>(address >> 24));
@@ -199,6 +206,7 @@ char* dottedQuad(char* buffer, uint32_t address) {
 }
 
 char* calendarTime(char* buffer, time_t time) {
+  assert(buffer != nullptr);
   if (ctime_r(&time, buffer) == nullptr) buffer[0] = '\0';
   buffer[24] = '\0';  // where the newline is
   return buffer;
@@ -213,10 +221,12 @@ char* cutAtUnprintable(char* text) {
 }
 
 const char* startsWith(const char* text, const char* prefix) {
+  assert(text != nullptr && prefix != nullptr);
   return strncmp(text, prefix, strlen(prefix)) == 0 ? text : nullptr;
 }
 
 const char* endsWith(const char* text, const char* suffix) {
+  assert(text != nullptr && suffix != nullptr);
   const size_t length = strlen(text), suffixLength = strlen(suffix);
   if (suffixLength > length) return nullptr;
   const char* const tail = text + length - suffixLength;
@@ -224,25 +234,29 @@ const char* endsWith(const char* text, const char* suffix) {
 }
 
 int32_t isAbsolutePath(const char* path) {
+  assert(path != nullptr);
   return path[0] == '/';
 }
 
 int32_t hasParentReference(const char* path) {
+  assert(path != nullptr);
   if (strlen(path) < 3) return 0;
   if (startsWith(path, "../") != nullptr) return 1;
-  // From index 3 on, so that "a/../b" is not found: intended.
+  // From index 3 on, so that "a/../b" is not found: callers let such paths pass.
   return strstr(path + 3, "/../") != nullptr;
 }
 
 int32_t parseVersion(const char* text, int32_t* major, int32_t* minor, int32_t* patch,
                      int32_t* build) {
+  assert(text != nullptr);
   *major = *minor = *patch = *build = -1;
   return std::max(sscanf(text, "%i.%i.%i_%i", major, minor, patch, build), 0);
 }
 
 int32_t countSeparators(const void* data, int32_t length, uint8_t separator) {
+  assert(data != nullptr);
   const auto* from = static_cast<const uint8_t*>(data);
-  // One byte is looked at even for a length of 0 or less: intended.
+  // One byte is looked at even for a length of 0 or less: callers count on the first byte.
   const uint8_t* const end = from + std::max(length, 1);
   int32_t count = countBlocks(from, end, separator);
   count += static_cast<int32_t>(std::count(from, end, separator));

@@ -1,8 +1,10 @@
 // qora/base/string.h -- Heap texts owned through a slot, tests on texts, and texts of addresses and
 // times. A slot is a char* variable, null or the owner of a NUL-terminated array: an operation that
 // stores into it deletes the array that was there (delete[]), unless it says otherwise, and never
-// shares the new one. An argument may point into the slot's own array. Lengths are int32_t; nothing
-// fails.
+// shares the new one. An argument may point into the slot's own array.
+// A slot may hold null unless said otherwise; of the other pointers only those may be null for
+// which null is named. Lengths and counts are bytes, not negative. Nothing fails but for memory:
+// when there is none, the program is aborted. No state, any thread.
 #pragma once
 
 #include <sys/time.h>
@@ -18,7 +20,8 @@ constexpr int32_t kCalendarSize = 26;    // what ctime_r may write
 constexpr int32_t kClockSize = 17;       // "HH:MM:SS mmm.mmm" and its NUL
 
 // Both overwrite the slot without looking at it: for slots that hold nothing yet.
-// An empty text with room for 1023 characters; the second copies as many of `source` as fit.
+// An empty text with room for 1023 characters; the second copies as many of `source`, which may be
+// null, as fit.
 void newBuffer(char*& slot);
 void newBufferFrom(char*& slot, const char* source);
 // An empty text in an array of `size` bytes, at least 1.
@@ -43,7 +46,7 @@ void append(char*& slot, const char* first, const char* second = nullptr,
 void appendBytes(char*& slot, const void* data, int32_t count);
 
 // Replaces every occurrence from left to right and returns their number; 0 keeps the array. An
-// empty pattern occurs nowhere.
+// empty pattern occurs nowhere. The replacement may be empty.
 int32_t replaceAll(char*& slot, const char* pattern, const char* replacement);
 // 1 when the text began with `prefix`, which is now `replacement`; else 0.
 int32_t replacePrefix(char*& slot, const char* prefix, const char* replacement);
@@ -67,7 +70,7 @@ const char* startsWith(const char* text, const char* prefix);
 // Where the suffix begins in the text, or null.
 const char* endsWith(const char* text, const char* suffix);
 int32_t isAbsolutePath(const char* path);
-// 1 when "../" begins the path or "/../" stands at index 3 or behind.
+// 1 when "../" begins the path or "/../" stands at index 3 or later, else 0.
 int32_t hasParentReference(const char* path);
 
 // Reads "<major>.<minor>.<patch>_<build>", each decimal, 0x hexadecimal or 0 octal, and returns
@@ -75,8 +78,8 @@ int32_t hasParentReference(const char* path);
 int32_t parseVersion(const char* text, int32_t* major, int32_t* minor, int32_t* patch,
                      int32_t* build);
 
-// Counts the bytes equal to `separator` and tells the count on the log stream. The first byte is
-// examined even when `length` is 0 or negative.
+// Counts the bytes equal to `separator` and writes the count in a line on the log stream. The first
+// byte is examined even when `length` is 0 or, here, negative; so there must be one.
 int32_t countSeparators(const void* data, int32_t length, uint8_t separator);
 
 }  // namespace qora::string
