@@ -1,0 +1,438 @@
+#include "qora/client/quality_control.h"
+
+#include <algorithm>
+#include <cmath>
+#include <numeric>
+
+#include "qora/client/cell_features.h"
+
+namespace qora::client {
+namespace {
+
+// Milliseconds of the link.
+constexpr double kHold = 50;            // a change waits while more than this is queued
+constexpr double kHoldSmall = 200;      // a small one: typing, the pointer
+constexpr double kQueueAfter = 100;     // what may be queued after a change
+constexpr double kLeastChange = 20;     // a change always gets that much
+constexpr double kShareRefined = 0.25;  // of that, where something still is to be sharpened
+constexpr double kQueueRefined = 40;    // what may be queued after still cells were sharpened
+constexpr double kLeastRefined = 10;    // they get that much beside changes
+constexpr double kRefineBelow = 20;     // and nothing while more than this is queued
+
+constexpr int32_t kSmallChange = 200;  // cells
+constexpr size_t kMostCopies = 64;
+constexpr size_t kMostSealed = 512;  // rectangles, so that there is always room for changes
+constexpr size_t kMostRefined = 1024;
+constexpr int32_t kMudTolerance = 6;  // a copy's source may be that much coarser than coding it
+constexpr int32_t kOffsetStep = 2;
+
+// A cell further than this from the goal is first brought near it: two steps by area cost 2 % more
+// than one, make a page readable in half the time, and many small steps cost 15 to 30 %.
+constexpr int32_t kFarFromGoal = 16;
+constexpr int32_t kNearGoal = 10;
+
+constexpr uint32_t kStillFor = 150;    // milliseconds until a cell counts as still
+constexpr uint32_t kWastedIn = 500;    // sharpened and changed in this time: in vain
+constexpr uint32_t kCalmAfter = 2000;  // still for this long: forgotten
+constexpr uint8_t kMostWasted = 4;
+
+constexpr int8_t kTextTerm = 5;    // 2.5 quantizer steps: above it is text
+constexpr float kResidual = 0.8F;  // a sharpening's bits over those of a first coding
+constexpr float kFrameBits = 100;  // a frame in which everything is skipped
+// A factor never counts for less than this when an offset is chosen: grain teaches factors that the
+// next page of text breaks.
+constexpr float kLeastFactor[] = {0.8F, 0.5F};
+
+// Quantizers are halves of a step here, as CellFeatures::term is.
+constexpr int32_t kLargestQuantizer = 102;
+constexpr int32_t kLargestTexture = 204;
+
+uint32_t milliseconds(QualityControl::Time time) {
+  return static_cast<uint32_t>(time.count() / 1000);
+}
+
+// A cell changes: was it sharpened in vain? The next time it has to be still for twice as long.
+template <typename Cell>
+void countWasted(Cell& cell, uint32_t now) {
+  if (now - cell.refinedAt < kWastedIn) {
+    cell.wasted = std::min<uint8_t>(cell.wasted + 1, kMostWasted);
+  } else if (now - cell.changedAt > kCalmAfter) {
+    cell.wasted = 0;
+  }
+}
+
+// The largest is sharpened first: text before the rest, the oldest before the younger, from the
+// top.
+uint64_t stillKey(bool isText, uint32_t age, size_t index) {
+  return uint64_t{isText} << 63 | uint64_t{age} << 31 | (0x7FFFFFFF - index);
+}
+size_t stillIndex(uint64_t key) {
+  return 0x7FFFFFFF - static_cast<size_t>(key & 0x7FFFFFFF);
+}
+
+// The factor of a cell that is coded anew: text 0, the rest 1.
+size_t kindOf(int8_t term) {
+  return term > kTextTerm ? 0 : 1;
+}
+
+float sumOf(const std::array<float, 4>& bits) {
+  return std::accumulate(bits.begin(), bits.end(), 0.0F);
+}
+
+// Calls take(cell column, cell row, source x, source y) for each cell of the destination.
+template <typename Take>
+void forEachCell(const service::RegionCopy& copy, Take&& take) {
+  for (int32_t y = 0; y < copy.height; y += kMacroblockSize) {
+    for (int32_t x = 0; x < copy.width; x += kMacroblockSize) {
+      take((copy.destinationX + x) / kMacroblockSize, (copy.destinationY + y) / kMacroblockSize,
+           copy.sourceX + x, copy.sourceY + y);
+    }
+  }
+}
+
+// Whole cells, inside the picture on both sides.
+bool isUsable(const service::RegionCopy& copy, const Damage& cells) {
+  const int32_t edges = copy.destinationX | copy.destinationY | copy.width | copy.height;
+  return edges % kMacroblockSize == 0 &&
+         std::max(copy.sourceX, copy.destinationX) + copy.width <= cells.width() &&
+         std::max(copy.sourceY, copy.destinationY) + copy.height <= cells.height();
+}
+
+void removeDestination(const service::RegionCopy& copy, Damage& cells) {
+  forEachCell(copy,
+              [&](int32_t column, int32_t row, int32_t, int32_t) { cells.reset(column, row); });
+}
+
+}  // namespace
+
+void QualityControl::reset(int32_t width, int32_t height) {
+  for (Damage* cells : {&unsealed_, &changing_, &refined_, &still_.finished}) {
+    cells->resize(width, height);
+  }
+  const int32_t count = unsealed_.columns() * unsealed_.rows();
+  cells_.assign(static_cast<size_t>(count), {0, 0, kNeverCoded, 0, 0, 0});
+  startAnew_ = true;
+  debt_ = underWay_ = unacknowledged_ = 0;
+  acknowledging_ = false;
+  pending_.clear();
+  if (!bitsByStep_.empty()) return;
+  for (int32_t step = -kLargestQuantizer; step <= kLargestTexture; ++step) {
+    const float differences = std::exp2(static_cast<float>(step) / 12);
+    bitsByStep_.push_back(175 * std::log2(1 + differences / 62.5F) + 6);
+  }
+}
+
+void QualityControl::setRate(int64_t bytesPerSecond) {
+  rate_ = static_cast<double>(std::max<int64_t>(bytesPerSecond, 0));
+}
+
+void QualityControl::setQuality(int32_t offset) {
+  goal_ = std::clamp(offset, kFinestOffset, kCoarsestOffset);
+  for (int32_t row = 0; row < unsealed_.rows(); ++row) {
+    for (int32_t column = 0; column < unsealed_.columns(); ++column) {
+      if (offsetOf(column, row) > goal_) unsealed_.set(column, row);
+    }
+  }
+}
+
+void QualityControl::plan(Time now, const Damage& changed, const Picture& picture,
+                          std::span<const service::RegionCopy> copies, bool keyFrame,
+                          QualityPlan& plan) {
+  plan.step = QualityStep::silent;
+  plan.rectangles.clear();
+  plan.copies.clear();
+  const bool whole = keyFrame || startAnew_;
+  changing_ = changed;
+  if (whole) changing_.addAll();
+  drain(now);
+  const int32_t count = changing_.count();
+  if (count > 0 && waitForLink(now, count < kSmallChange ? kHoldSmall : kHold, plan)) return;
+  const uint32_t ms = milliseconds(now);
+  findStill(ms);
+  if (count == 0 && !mayGoOn(now, plan)) return;
+
+  plan.step = QualityStep::encode;
+  plan.keyFrame = keyFrame;
+  measure(picture);
+  if (!whole) takeCopies(copies, ms, plan);
+  const int32_t offset = chooseOffset(changeBudget());
+  Pending frame = {bitsOf(changing_, offset), 0, whole};
+  const int32_t goal = chooseRefined(frame.bits);
+
+  // A later rectangle wins, so what changed stands last.
+  list(still_.finished, kSealingOffset, kMostSealed, plan);
+  still_.finished.forEachCell([&](int32_t x, int32_t y) { unsealed_.reset(x, y); });
+  list(refined_, goal, kMostRefined, plan);
+  refined_.forEachCell([&](int32_t x, int32_t y) {
+    unsealed_.set(x, y);
+    cell(x, y).offset = static_cast<int8_t>(goal);
+    cell(x, y).refinedAt = ms;
+  });
+  list(changing_, offset, kDamageRectangles - plan.rectangles.size(), plan);
+  changing_.forEachCell([&](int32_t x, int32_t y) {
+    if (!whole) countWasted(cell(x, y), ms);
+    markChanged(x, y, offset, ms);
+  });
+
+  startAnew_ = false;
+  frame.bytes = (sumOf(frame.bits) + kFrameBits) / 8;
+  underWay_ += frame.bytes;
+  pending_.push_back(frame);
+}
+
+void QualityControl::encoded(Time now, int64_t bytes, bool keyFrame) {
+  if (pending_.empty()) return;
+  const Pending frame = pending_.front();
+  pending_.pop_front();
+  drain(now);
+  underWay_ = pending_.empty() ? 0 : underWay_ - frame.bytes;
+  debt_ += static_cast<double>(bytes);
+  unacknowledged_ += static_cast<double>(bytes);
+  learn(frame.bits, static_cast<double>(bytes) * 8);
+  // A key frame takes every cell's stored offset, and that of a sealed cell is rubbish.
+  if (keyFrame && !frame.whole) startAnew_ = true;
+}
+
+void QualityControl::acknowledged(int64_t bytes, Time roundTrip) {
+  acknowledging_ = true;
+  unacknowledged_ = std::max(unacknowledged_ - static_cast<double>(bytes), 0.0);
+  roundTrip_ = roundTrip;
+}
+
+int64_t QualityControl::debt(Time now) {
+  drain(now);
+  return static_cast<int64_t>(queued());
+}
+
+double QualityControl::queued() const {
+  const double flying = bytesIn(static_cast<double>(roundTrip_.count()) / 1000);
+  return (acknowledging_ ? std::max(unacknowledged_ - flying, 0.0) : debt_) + underWay_;
+}
+
+void QualityControl::drain(Time now) {
+  const double elapsed = static_cast<double>((now - drainedAt_).count()) / 1000;
+  debt_ = rate_ == 0 ? 0 : std::max(debt_ - bytesIn(elapsed), 0.0);
+  drainedAt_ = now;
+}
+
+// Whether more is queued than the link carries in that time; the plan then says until when.
+bool QualityControl::waitForLink(Time now, double milliseconds, QualityPlan& plan) const {
+  const double excess = queued() - bytesIn(milliseconds);
+  if (rate_ == 0 || excess <= 0) return false;
+  plan.step = QualityStep::wait;
+  // An hour is as good as for ever, and no rate is so small that this overflows.
+  plan.until = now + Time(static_cast<int64_t>(std::min(excess / rate_, 3600.0) * 1e6) + 1);
+  return true;
+}
+
+// Nothing has changed: whether something is to be sharpened or sealed now.
+bool QualityControl::mayGoOn(Time now, QualityPlan& plan) const {
+  if (!still_.heap.empty()) return !waitForLink(now, kRefineBelow, plan);
+  // A few cells are sealed with the next frame that is sent anyway. Many make that frame late, for
+  // the encoder looks at each: they are sealed now, while nobody waits.
+  if (still_.settled > kSmallChange) return true;
+  if (still_.next == 0) return false;
+  plan.step = QualityStep::wait;
+  plan.until = now + std::chrono::milliseconds(still_.next);
+  return false;
+}
+
+void QualityControl::findStill(uint32_t now) {
+  still_.finished.clear();
+  still_.heap.clear();
+  still_.settled = 0;
+  still_.far = false;
+  uint32_t next = UINT32_MAX;
+  unsealed_.forEachCell([&](int32_t column, int32_t row) {
+    if (changing_.test(column, row)) return;
+    const Cell& one = cell(column, row);
+    const bool finished = one.offset <= goal_;
+    if (finished) still_.finished.set(column, row);
+    const uint32_t age = now - one.changedAt;
+    const uint32_t needed = kStillFor << one.wasted;
+    if (age < needed) {
+      next = std::min(next, needed - age);
+    } else if (finished) {
+      ++still_.settled;
+    } else {
+      still_.heap.push_back(stillKey(kindOf(one.term) == 0, age, index(column, row)));
+      still_.far |= one.offset > goal_ + kFarFromGoal;
+    }
+  });
+  still_.next = next == UINT32_MAX ? 0 : next;
+  std::make_heap(still_.heap.begin(), still_.heap.end());
+}
+
+void QualityControl::measure(const Picture& picture) {
+  changing_.forEachCell([&](int32_t column, int32_t row) {
+    const CellFeatures features = cellFeatures(picture, column, row);
+    cell(column, row).texture = features.texture;
+    cell(column, row).term = features.term;
+  });
+}
+
+// The bits of coding a cell anew at an offset. Within a factor of two for text, desktops,
+// photographs and grain alike, before anything is learned.
+float QualityControl::bitsOf(const Cell& one, int32_t offset) const {
+  const int32_t quantizer = std::clamp(2 * offset + one.term, 0, kLargestQuantizer);
+  return bitsByStep_[static_cast<size_t>(one.texture - quantizer + kLargestQuantizer)];
+}
+
+// Of all that changes, text and the rest apart, factors included.
+QualityControl::Bits QualityControl::bitsOf(const Damage& cells, int32_t offset) const {
+  Bits bits = {};
+  cells.forEachCell([&](int32_t column, int32_t row) {
+    const Cell& one = cells_[index(column, row)];
+    bits[kindOf(one.term)] += bitsOf(one, offset);
+  });
+  for (size_t kind = 0; kind < 2; ++kind) bits[kind] *= factors_[kind];
+  return bits;
+}
+
+void QualityControl::learn(const Bits& bits, double actual) {
+  const double predicted = sumOf(bits) + kFrameBits;
+  const double error = std::clamp(std::log(std::max(actual, 1.0) / predicted), -1.6, 1.6);
+  for (size_t i = 0; i < kFactors; ++i) {
+    const double share = bits[i] / predicted;
+    factors_[i] *= static_cast<float>(std::exp(0.5 * share * error));
+    factors_[i] = std::clamp(factors_[i], 0.15F, 4.0F);
+  }
+}
+
+float QualityControl::changeBudget() const {
+  if (rate_ == 0) return INFINITY;
+  const double bytes = std::max(bytesIn(kQueueAfter) - queued(), bytesIn(kLeastChange));
+  // What is still and coarse gets its share of a screen that never stops.
+  return static_cast<float>(bytes * 8 * (still_.heap.empty() ? 1 : 1 - kShareRefined));
+}
+
+float QualityControl::refinementBudget(float spent) const {
+  if (rate_ == 0) return INFINITY;
+  if (queued() > bytesIn(kHold)) return 0;
+  const double bytes = bytesIn(kQueueRefined) - queued() - spent / 8;
+  return static_cast<float>(std::max(bytes, bytesIn(kLeastRefined)) * 8);
+}
+
+// The finest at which all that changes is within the budget.
+int32_t QualityControl::chooseOffset(float budget) const {
+  int32_t fine = 0;
+  int32_t coarse = (kCoarsestOffset - goal_) / kOffsetStep;
+  while (fine < coarse) {
+    const int32_t middle = (fine + coarse) / 2;
+    Bits bits = bitsOf(changing_, goal_ + middle * kOffsetStep);
+    for (size_t kind = 0; kind < 2; ++kind) {
+      bits[kind] *= std::max(1.0F, kLeastFactor[kind] / factors_[kind]);
+    }
+    if (sumOf(bits) <= budget) {
+      coarse = middle;
+    } else {
+      fine = middle + 1;
+    }
+  }
+  return goal_ + fine * kOffsetStep;
+}
+
+// Takes what is to be sharpened in this frame off the heap and adds its bits. Returns to which
+// offset: near the goal as long as anything is far from it.
+int32_t QualityControl::chooseRefined(Bits& frame) {
+  const bool near = still_.far && rate_ > 0;
+  const int32_t goal = near ? goal_ + kNearGoal : goal_;
+  const int32_t enough = near ? goal_ + kFarFromGoal : goal_;
+  float budget = refinementBudget(sumOf(frame));
+  bool mustTake = changing_.isEmpty();  // one at least
+  refined_.clear();
+  for (auto end = still_.heap.end(); end != still_.heap.begin() && (budget > 0 || mustTake);
+       --end) {
+    std::pop_heap(still_.heap.begin(), end);
+    const size_t at = stillIndex(*(end - 1));
+    const Cell& one = cells_[at];
+    if (one.offset <= enough) continue;
+    const size_t kind = kindOf(one.term);
+    const float bits = kResidual * bitsOf(one, goal);
+    budget -= bits * std::max(factors_[kind + 2], kLeastFactor[kind]);
+    frame[kind + 2] += bits * factors_[kind + 2];
+    const auto columns = static_cast<size_t>(refined_.columns());
+    refined_.set(static_cast<int32_t>(at % columns), static_cast<int32_t>(at / columns));
+    mustTake = false;
+  }
+  return goal;
+}
+
+// The coarsest offset of the up to four cells that a cell at these pixels is made of.
+int32_t QualityControl::worstOffset(int32_t x, int32_t y) const {
+  constexpr int32_t kLast = kMacroblockSize - 1;
+  int32_t worst = INT8_MIN;
+  for (const int32_t row : {y / kMacroblockSize, (y + kLast) / kMacroblockSize}) {
+    for (const int32_t column : {x / kMacroblockSize, (x + kLast) / kMacroblockSize}) {
+      worst = std::max(worst, offsetOf(column, row));
+    }
+  }
+  return worst;
+}
+
+// Copying what is much coarser than coding it anew would be spreads mud.
+bool QualityControl::isWorthCopying(const service::RegionCopy& copy, int32_t offset) const {
+  int32_t cells = 0;
+  int32_t coarse = 0;
+  forEachCell(copy, [&](int32_t, int32_t, int32_t x, int32_t y) {
+    ++cells;
+    coarse += worstOffset(x, y) > offset + kMudTolerance ? 1 : 0;
+  });
+  return coarse <= cells / 2;
+}
+
+// Lists the copies that are worth it, for sealing: the encoder skips their cells, and the copy then
+// overwrites what that left. Their cells no longer count as changing.
+void QualityControl::takeCopies(std::span<const service::RegionCopy> candidates, uint32_t now,
+                                QualityPlan& plan) {
+  std::copy_if(candidates.begin(), candidates.end(), std::back_inserter(plan.copies),
+               [this](const auto& copy) { return isUsable(copy, changing_); });
+  if (plan.copies.size() > kMostCopies) plan.copies.resize(kMostCopies);
+  if (plan.copies.empty()) return;
+  const Damage all = changing_;
+  for (const service::RegionCopy& copy : plan.copies) removeDestination(copy, changing_);
+  const int32_t offset = chooseOffset(changeBudget());
+  std::erase_if(plan.copies, [&](const auto& copy) { return !isWorthCopying(copy, offset); });
+  changing_ = all;
+
+  std::vector<int8_t> offsets;  // all read before one is written: copies overlap
+  for (const service::RegionCopy& copy : plan.copies) {
+    removeDestination(copy, changing_);
+    plan.rectangles.push_back({.quantizerOffset = kSealingOffset,
+                               .x = copy.destinationX,
+                               .y = copy.destinationY,
+                               .width = copy.width,
+                               .height = copy.height});
+    forEachCell(copy, [&](int32_t, int32_t, int32_t x, int32_t y) {
+      offsets.push_back(static_cast<int8_t>(worstOffset(x, y)));
+    });
+  }
+  const int8_t* next = offsets.data();
+  for (const service::RegionCopy& copy : plan.copies) {
+    forEachCell(copy, [&](int32_t column, int32_t row, int32_t, int32_t) {
+      markChanged(column, row, *next, now);
+      // Sealed by the same listing, unless there is something to sharpen.
+      if (*next++ <= goal_) unsealed_.reset(column, row);
+    });
+  }
+}
+
+// Appends rectangles that cover the cells. Where they would be too many they cover others as well,
+// which then belong to the cells.
+void QualityControl::list(Damage& cells, int32_t offset, size_t limit, QualityPlan& plan) {
+  if (cells.isEmpty()) return;
+  cells.list(listed_, static_cast<int32_t>(limit));
+  for (service::Rectangle& rectangle : listed_) {
+    rectangle.quantizerOffset = static_cast<int8_t>(offset);
+    cells.add({rectangle.x, rectangle.y, rectangle.width, rectangle.height});
+  }
+  plan.rectangles.insert(plan.rectangles.end(), listed_.begin(), listed_.end());
+}
+
+void QualityControl::markChanged(int32_t column, int32_t row, int32_t offset, uint32_t now) {
+  cell(column, row).offset = static_cast<int8_t>(offset);
+  cell(column, row).changedAt = now;
+  unsealed_.set(column, row);
+}
+
+}  // namespace qora::client
