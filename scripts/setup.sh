@@ -17,7 +17,7 @@ declare -rA groups=(
   [tests]="
     pkg-config
     libgtest-dev libgmock-dev python3-pytest
-    libavcodec-dev libavutil-dev
+    libavcodec-dev libavutil-dev libswscale-dev
     git strace bubblewrap"
   [demo]="
     ffmpeg
