@@ -19,12 +19,11 @@
 #include <string>
 #include <vector>
 
+#include "qora/client/damage.h"
+
 namespace qora::capture {
 
-struct Area {
-  int32_t x, y, width, height;
-  friend bool operator==(const Area&, const Area&) = default;
-};
+using client::Area;
 
 // The part of both; without width or height when they do not touch.
 Area intersection(const Area& one, const Area& other);

@@ -22,6 +22,7 @@ namespace qora::client {
 // width or height is empty.
 struct Area {
   int32_t x, y, width, height;
+  friend bool operator==(const Area&, const Area&) = default;
 };
 
 // Rectangles that a list of damage has at most unless asked otherwise: with the most copies that a
