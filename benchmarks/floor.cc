@@ -36,7 +36,6 @@ int main(int argc, char* argv[]) {
     }
   }
   client::ChangedRectangles changes;
-  test::FrameHints hints;
   for (int32_t frame = 0;; ++frame) {
     const client::Picture& picture = cells[frame % 2];
     const int32_t more = clip.read(picture);
@@ -49,11 +48,7 @@ int main(int argc, char* argv[]) {
                                     changes);
       if (changes.list.empty()) changes.list.push_back(client::nothingChanged());
     }
-    hints.rectangles.swap(changes.list);
-    const auto coded =
-        encoder.encodeView({{picture.plane[0], picture.plane[1], picture.plane[2]},
-                            {picture.stride[0], picture.stride[1], picture.stride[2]}},
-                           hints);
+    const auto coded = encoder.encode(picture, changes.list);
     if (fwrite(coded.data(), 1, coded.size(), output.get()) != coded.size()) return 1;
   }
 }

@@ -15,6 +15,7 @@
 #include <fstream>
 #include <random>
 
+#include "qora/client/changed_rectangles.h"
 #include "qora/service/channel.h"
 #include "qora/service/wire/limits.h"
 
@@ -52,13 +53,6 @@ const double* shareTime(const std::string& path) {
   if (page == MAP_FAILED) giveUp(path);
   setenv("TIMED_ENCODER", path.c_str(), 1);
   return static_cast<const double*>(page);
-}
-
-test::PictureView viewOf(const client::Picture& picture) {
-  test::PictureView view{};
-  std::copy_n(picture.plane, 3, view.plane);
-  std::copy_n(picture.stride, 3, view.stride);
-  return view;
 }
 
 pid_t onlyChild() {
@@ -156,8 +150,7 @@ double SideBySide::encodeInService(int32_t cell, const std::vector<service::Rect
 double SideBySide::encodeHere(int32_t cell, const std::vector<service::Rectangle>& rectangles,
                               int32_t stream) {
   test::DirectEncoder& encoder = *direct_[static_cast<size_t>(stream)];
-  hints_.rectangles = rectangles;
-  if (encoder.encodeView(viewOf(picture(cell)), hints_).empty()) giveUp("encoding in-process");
+  if (encoder.encode(picture(cell), rectangles).empty()) giveUp("encoding in-process");
   return microseconds(encoder.encoderTime());
 }
 
@@ -274,14 +267,14 @@ BareService::BareService(const StreamShape& shape, const client::Picture (&cells
 // In the child, up to the end of its input. A command is a cell's number and rectangles.
 void BareService::serve(const StreamShape& shape, const client::Picture (&cells)[2]) {
   test::DirectEncoder encoder(addRequest(shape, 0));
-  test::FrameHints hints;
+  std::vector<service::Rectangle> rectangles;
   message_.resize(service::kBufferEnd);
   for (ssize_t size; (size = ::read(STDIN_FILENO, message_.data(), message_.size())) > 0;) {
-    hints.rectangles.clear();
+    rectangles.clear();
     for (ssize_t at = 1; at < size; at += service::kRectangleSize) {
-      hints.rectangles.push_back(service::parseRectangle(&message_[static_cast<size_t>(at)]));
+      rectangles.push_back(service::parseRectangle(&message_[static_cast<size_t>(at)]));
     }
-    const auto coded = encoder.encodeView(viewOf(cells[message_[0]]), hints);
+    const auto coded = encoder.encode(cells[message_[0]], rectangles);
     const BareReply reply = {microseconds(encoder.encoderTime()), coded.size()};
     const int32_t sent =
         service::writeChannelPair(STDOUT_FILENO, reinterpret_cast<const uint8_t*>(&reply),
@@ -356,10 +349,7 @@ double firstFrameInProcess(const StreamShape& shape) {
     drawPicture(segment.picture(0));
     const auto start = Clock::now();
     test::DirectEncoder encoder(addRequest(shape, 0));
-    test::FrameHints hints;
-    hints.rectangles = {
-        {0, 0, 0, static_cast<uint16_t>(shape.width), static_cast<uint16_t>(shape.height)}};
-    encoder.encodeView(viewOf(segment.picture(0)), hints);
+    encoder.encode(segment.picture(0), {client::wholePicture(shape.width, shape.height)});
     return microseconds(Clock::now() - start) / 1000;
   });
 }
@@ -390,15 +380,14 @@ int64_t memoryInProcess(const StreamShape& shape) {
     client::FrameSegment segment;
     check(segment.create(shape.width, shape.height, kCells), "making the segment");
     drawPicture(segment.picture(0));
-    test::FrameHints hints;
-    hints.rectangles = redrawShare(segment.picture(0), segment.picture(1), 0.1, 5);
+    const auto rectangles = redrawShare(segment.picture(0), segment.picture(1), 0.1, 5);
     malloc_trim(0);  // what earlier work left free would be used without being seen
     const int64_t before = privateKilobytes(getpid());
     std::vector<std::unique_ptr<test::DirectEncoder>> encoders;
     for (int32_t stream = 0; stream < shape.streams; ++stream) {
       encoders.push_back(std::make_unique<test::DirectEncoder>(addRequest(shape, stream)));
       for (int32_t frame = 0; frame < 3; ++frame) {
-        encoders.back()->encodeView(viewOf(segment.picture(frame % 2)), hints);
+        encoders.back()->encode(segment.picture(frame % 2), rectangles);
       }
     }
     return privateKilobytes(getpid()) - before;

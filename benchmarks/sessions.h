@@ -79,7 +79,6 @@ class SideBySide {
   client::FrameSegment segment_;
   client::CodecClient client_;
   std::vector<std::unique_ptr<test::DirectEncoder>> direct_;
-  test::FrameHints hints_;
   client::Reply reply_;
   pid_t servicePid_ = -1;
   int64_t turn_;

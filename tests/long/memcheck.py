@@ -2,7 +2,7 @@
 """The service under valgrind: no error, nothing lost but what an add over a stream in use leaves.
 
 Drives sessions of its own over the scripted and the real encoder, then, with at least five minutes,
-the whole end-to-end suite.
+the picture test.
 """
 
 import re
@@ -66,7 +66,7 @@ def suite(report, build):
     """The suite's own process runs under valgrind too, because its children shall; only theirs are
     looked at."""
     command = [*VALGRIND, "--trace-children=yes", "--trace-children-skip=/bin/*,/usr/bin/*",
-               f"--log-file={build.scratch}/suite-%p.log", build.folder / "tests" / "test_e2e"]
+               f"--log-file={build.scratch}/suite-%p.log", build.folder / "tests" / "test_decoded"]
     passed = subprocess.run(command, capture_output=True, text=True)
     report.check(passed.returncode == 0, lambda: passed.stdout[-3000:])
     services = 0
@@ -76,7 +76,7 @@ def suite(report, build):
             services += 1
             records = findings(log)
             report.check(not records, lambda: "\n\n".join(records))
-    report.note(f"{services} services of the end-to-end suite")
+    report.note(f"{services} services of the picture test")
 
 
 def main():

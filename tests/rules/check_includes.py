@@ -29,7 +29,7 @@ LAYERS = {
 X264_HEADER_USERS = [
     "qora/bridge/installed_encoder.cc",
     "tests/bridge/*",
-    "tests/support/direct_encoder.cc",
+    "tests/support/direct_encoder.h",
 ]
 
 # Inside base/, by family: a file belongs to the longest family that its name begins with. Each

@@ -1,26 +1,15 @@
 #include "tests/support/direct_encoder.h"
 
-#include <x264.h>
-
 #include <algorithm>
-#include <cstdlib>
-
-#include "qora/service/macroblock_maps.h"
-#include "qora/service/region_copy.h"
 
 namespace qora::test {
 
-struct DirectEncoder::State {
-  x264_t* encoder = nullptr;
-  x264_picture_t in, out = {};
-  std::vector<uint8_t> info;
-  std::vector<float> quantizer;
-  service::MacroblockMaps maps;
-  int32_t bitrateMode;
-  std::chrono::nanoseconds encoderTime{};
-};
-
-DirectEncoder::DirectEncoder(const service::AddStreamRequest& settings) : state_(new State) {
+DirectEncoder::DirectEncoder(const service::AddStreamRequest& settings)
+    : info_(static_cast<size_t>((settings.width + 15) / 16 * ((settings.height + 15) / 16))),
+      quantizers_(info_.size()),
+      maps_{(settings.width + 15) / 16, (settings.height + 15) / 16, info_.data(),
+            quantizers_.data()},
+      bitrateMode_(settings.bitrate > 0 ? 1 : 0) {
   x264_param_t param;
   x264_param_default_preset(&param, "ultrafast", "zerolatency");
   param.i_threads = settings.threads;
@@ -32,10 +21,10 @@ DirectEncoder::DirectEncoder(const service::AddStreamRequest& settings) : state_
   param.i_log_level = X264_LOG_NONE;
   param.analyse.b_mb_info = 1;
   param.rc.i_aq_mode = X264_AQ_VARIANCE;
-  param.b_annexb = (settings.flags & service::kAnnexBFlag) != 0 ? 1 : 0;
+  param.b_annexb = (settings.flags & 4) != 0 ? 1 : 0;
   param.i_fps_num = 25;
   param.i_fps_den = 1;
-  if (settings.bitrate > 0) {
+  if (bitrateMode_ == 1) {
     param.rc.i_rc_method = X264_RC_ABR;
     param.rc.i_bitrate = settings.bitrate;
     param.rc.i_qp_min = settings.qpMin;
@@ -47,65 +36,34 @@ DirectEncoder::DirectEncoder(const service::AddStreamRequest& settings) : state_
     param.rc.f_qcompress = 1.0F;
   }
   x264_param_apply_profile(&param, "baseline");
-  State& s = *state_;
-  s.encoder = x264_encoder_open(&param);
-  s.maps = {(settings.width + 15) / 16, (settings.height + 15) / 16, nullptr, nullptr};
-  s.info.resize(static_cast<size_t>(s.maps.columns) * s.maps.rows);
-  s.quantizer.resize(s.info.size());
-  s.maps.info = s.info.data();
-  s.maps.quantizer = s.quantizer.data();
-  s.bitrateMode = settings.bitrate > 0 ? 1 : 0;
-  x264_picture_init(&s.in);
-  s.in.img.i_csp = X264_CSP_I420;
-  s.in.img.i_plane = 3;
-  s.in.prop.mb_info = s.maps.info;
-  s.in.prop.quant_offsets = s.maps.quantizer;
+  encoder_ = x264_encoder_open(&param);
+  x264_picture_init(&in_);
+  in_.img.i_csp = X264_CSP_I420;
+  in_.img.i_plane = 3;
+  in_.prop.mb_info = info_.data();
+  in_.prop.quant_offsets = quantizers_.data();
 }
 
-DirectEncoder::~DirectEncoder() {
-  x264_encoder_close(state_->encoder);
-  delete state_;
-}
-
-std::span<const uint8_t> DirectEncoder::encodeView(const PictureView& picture,
-                                                   const FrameHints& hints) {
-  State& s = *state_;
-  for (int32_t plane = 0; plane < 3; ++plane) {
-    s.in.img.plane[plane] = const_cast<uint8_t*>(picture.plane[plane]);
-    s.in.img.i_stride[plane] = picture.stride[plane];
-  }
-  service::markAllUnchanged(s.maps);
-  for (const auto& rectangle : hints.rectangles) {
-    service::MacroblockRange range;
-    if (service::coverRectangle(rectangle, s.maps, range) == 0) continue;
-    const float value = service::quantizerValue(rectangle.quantizerOffset, s.bitrateMode);
-    service::fillRangePlainly(range, value, s.maps);
-  }
-  if (hints.invalidate == 1) x264_encoder_invalidate_reference(s.encoder, 0);
-  const service::PlanarView reference = reconstruction();
+std::span<const uint8_t> DirectEncoder::encode(const client::Picture& picture,
+                                               const std::vector<service::Rectangle>& rectangles,
+                                               bool invalidate) {
+  std::copy_n(picture.plane, 3, in_.img.plane);
+  std::copy_n(picture.stride, 3, in_.img.i_stride);
+  service::markAllUnchanged(maps_);
+  for (const auto& rectangle : rectangles) service::applyRectangle(rectangle, bitrateMode_, maps_);
+  if (invalidate) x264_encoder_invalidate_reference(encoder_, 0);
   x264_nal_t* nals = nullptr;
   int count = 0;
   const auto start = std::chrono::steady_clock::now();
-  const int size = x264_encoder_encode(s.encoder, &nals, &count, &s.in, &s.out);
-  s.encoderTime = std::chrono::steady_clock::now() - start;
+  const int size = x264_encoder_encode(encoder_, &nals, &count, &in_, &out_);
+  encoderTime_ = std::chrono::steady_clock::now() - start;
   if (size <= 0) return {};
-  if (reference.plane[0] != nullptr) {
-    for (const auto& copy : hints.copies) service::copyRegion(copy, reference, reconstruction());
-  }
   return {nals[0].p_payload, static_cast<size_t>(size)};
 }
 
 service::PlanarView DirectEncoder::reconstruction() const {
-  const x264_image_t& image = state_->out.img;
+  const x264_image_t& image = out_.img;
   return {{image.plane[0], image.plane[1]}, {image.i_stride[0], image.i_stride[1]}};
-}
-
-int32_t DirectEncoder::quantizer() const {
-  return state_->out.i_qpplus1 - 1;
-}
-
-std::chrono::nanoseconds DirectEncoder::encoderTime() const {
-  return state_->encoderTime;
 }
 
 }  // namespace qora::test
