@@ -34,9 +34,15 @@ if(CMAKE_BUILD_TYPE STREQUAL "Release" OR CMAKE_BUILD_TYPE STREQUAL "RelWithDebI
 endif()
 target_link_options(qora_product INTERFACE LINKER:-z,relro,-z,now)
 
+# How we build is nothing to those who link an installed library.
 function(qora_library name)
   add_library(${name} STATIC ${ARGN})
-  target_link_libraries(${name} PUBLIC qora_product)
+  target_link_libraries(${name} PUBLIC $<BUILD_INTERFACE:qora_product>)
+  target_include_directories(${name} INTERFACE $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+  target_compile_features(${name} PUBLIC cxx_std_20)
+  string(REPLACE "_" "-" output ${name})
+  string(REPLACE "qora_" "" exported ${name})
+  set_target_properties(${name} PROPERTIES OUTPUT_NAME ${output} EXPORT_NAME ${exported})
 endfunction()
 
 function(qora_executable name)

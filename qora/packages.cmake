@@ -1,0 +1,68 @@
+# cpack makes a .deb of each component: what a machine runs, what a parent links, what people use.
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME qora-codec)
+set(CPACK_PACKAGE_VENDOR "the qora-codec authors")
+set(QORA_MAINTAINER "qora-codec authors <authors@example.org>" CACHE STRING "who makes the packages")
+set(CPACK_PACKAGE_CONTACT ${QORA_MAINTAINER})
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "out-of-process H.264 encoder for screens")
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_COMPONENTS_ALL service bridge client tools doc)
+set(CPACK_COMPONENTS_GROUPING ONE_PER_GROUP)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SECTION video)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+
+# What Debian wants to find beside every package. The time stands still, so that two builds agree.
+file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/debian)
+file(READ ${PROJECT_SOURCE_DIR}/LICENSE license)
+file(WRITE ${PROJECT_BINARY_DIR}/debian/copyright "${license}
+On Debian systems the GNU General Public License, version 2, is in /usr/share/common-licenses/GPL-2.\n")
+file(WRITE ${PROJECT_BINARY_DIR}/debian/changelog
+  "qora-codec (${PROJECT_VERSION}) bookworm; urgency=medium\n\n  * See CHANGELOG.md in qora-codec-doc.\n\n"
+  " -- ${CPACK_PACKAGE_CONTACT}  Mon, 23 Nov 2026 00:00:00 +0000\n")
+execute_process(COMMAND gzip -9nkf ${PROJECT_BINARY_DIR}/debian/changelog COMMAND_ERROR_IS_FATAL ANY)
+
+# qora_package(COMPONENT PACKAGE SECTION DEPENDS SUMMARY DESCRIPTION)
+function(qora_package name package section depends summary description)
+  string(TOUPPER ${name} upper)
+  set(CPACK_DEBIAN_${upper}_PACKAGE_NAME ${package} PARENT_SCOPE)
+  set(CPACK_DEBIAN_${upper}_PACKAGE_SECTION ${section} PARENT_SCOPE)
+  set(CPACK_DEBIAN_${upper}_PACKAGE_DEPENDS "${depends}" PARENT_SCOPE)
+  set(CPACK_DEBIAN_${upper}_DESCRIPTION "${summary}\n${description}" PARENT_SCOPE)
+  install(FILES ${PROJECT_BINARY_DIR}/debian/copyright ${PROJECT_BINARY_DIR}/debian/changelog.gz
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package} COMPONENT ${name})
+endfunction()
+
+set(same "(= ${PROJECT_VERSION})")
+# The bridge opens the encoder library by name, so no tool finds that it needs it.
+file(STRINGS ${X264_INCLUDE_DIR}/x264.h x264_build REGEX "^#define X264_BUILD ")
+string(REGEX REPLACE ".*X264_BUILD +" "" x264_build "${x264_build}")
+qora_package(service qora-codec video "qora-codec-bridge ${same}"
+  "codec service that encodes pictures of a screen"
+  " A headless helper process that encodes raw pictures to H.264 for the program\n that starts it: commands by standard input, pictures in shared memory.")
+qora_package(bridge qora-codec-bridge video "libx264-${x264_build}"
+  "encoder library for qora-codec over the installed libx264"
+  " Offers qora-codec the interface that it knows and drives the libx264 that the\n distribution ships.")
+qora_package(client libqora-client-dev libdevel "qora-codec ${same}"
+  "parent's side of qora-codec"
+  " Starts the codec service, speaks to it, keeps pictures, damage,\n quality and bandwidth in order. Static libraries, headers, CMake and\n pkg-config files.")
+qora_package(tools qora-tools video "qora-codec ${same}"
+  "programs that encode and show screens with qora-codec"
+  " Command-line programs over the codec service.")
+qora_package(doc qora-codec-doc doc ""
+  "documents of qora-codec"
+  " The protocol, how a parent is written, what is measured and promised.")
+set(CPACK_DEBIAN_CLIENT_PACKAGE_SHLIBDEPS OFF)
+set(CPACK_DEBIAN_DOC_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_DOC_PACKAGE_SHLIBDEPS OFF)
+include(CPack)
+
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs/ DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/qora-codec-doc
+        COMPONENT doc PATTERN man EXCLUDE)
+install(FILES ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/CHANGELOG.md
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/qora-codec-doc COMPONENT doc)
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples DESTINATION
+        ${CMAKE_INSTALL_DATADIR}/doc/qora-codec-doc COMPONENT doc)

@@ -1,0 +1,39 @@
+#!/usr/bin/env bash
+# Usage: tests/examples/installed.sh BUILD_FOLDER
+# A project outside finds what is installed, by CMake and by pkg-config, and its parent works there.
+set -euo pipefail
+build=$(realpath "$1")
+folder=$(mktemp -d)
+trap 'rm -rf "$folder"' EXIT
+cmake --install "$build" --prefix "$folder/prefix" >/dev/null
+
+cat >"$folder/parent.cc" <<'CODE'
+#include <qora/client/codec_client.h>
+#include <cstdio>
+int main(int, char* argv[]) {
+  qora::client::CodecClient client;
+  const bool started = client.start({.servicePath = argv[1], .codecRoot = argv[2]}) == 1;
+  if (started && client.stop() == 1) return 0;
+  std::fprintf(stderr, "%s\n", client.endText().c_str());
+  return 1;
+}
+CODE
+cat >"$folder/CMakeLists.txt" <<'CODE'
+cmake_minimum_required(VERSION 3.25)
+project(outside CXX)
+find_package(qora 0.1 REQUIRED)
+add_executable(parent parent.cc)
+target_link_libraries(parent qora::client)
+file(WRITE ${CMAKE_BINARY_DIR}/places "${QORA_SERVICE}\n${QORA_CODEC_ROOT}\n")
+CODE
+cmake -S "$folder" -B "$folder/build" -DCMAKE_PREFIX_PATH="$folder/prefix" >/dev/null
+cmake --build "$folder/build" >/dev/null
+mapfile -t places <"$folder/build/places"
+"$folder/build/parent" "${places[@]}"
+
+PKG_CONFIG_PATH=$(dirname "$(find "$folder/prefix" -name qora-client.pc)")
+export PKG_CONFIG_PATH
+read -r -a flags < <(pkg-config --cflags --libs qora-client)
+c++ -std=c++20 "$folder/parent.cc" "${flags[@]}" -o "$folder/parent"
+"$folder/parent" "$(pkg-config --variable=service qora-client)" \
+  "$(pkg-config --variable=codec_root qora-client)"
