@@ -154,6 +154,10 @@ void markChangedCells(const Picture& before, const Picture& after, int32_t row, 
 
 int32_t findChangedRectangles(const Picture& before, const Picture& after, int32_t limit,
                               ChangedRectangles& changes) {
+  if (limit < 1) {
+    errno = EINVAL;
+    return -1;
+  }
   CellMap map{.columns = cellsIn(after.width, kMacroblockSize),
               .rows = cellsIn(after.height, kMacroblockSize),
               .cellSize = kMacroblockSize,

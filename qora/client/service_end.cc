@@ -2,43 +2,45 @@
 
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <cstring>
-
-#include "qora/base/error_text.h"
 
 namespace qora::client {
 namespace {
 
-// What the service's own statuses mean; any other one is an errno and speaks for itself.
-struct StatusWords {
-  int32_t status;
-  const char* words;
-};
-constexpr StatusWords kStatusWords[] = {
-    {0, "orderly end"},           {2, "service program or encoder library not found"},
-    {5, "input or output error"}, {12, "out of memory"},
-    {22, "malformed message"},    {32, "reply channel closed"},
-    {42, "unknown command"},
-};
+std::string signalName(int32_t signal) {
+  const char* name = ::sigabbrev_np(signal);
+  return name == nullptr ? "" : " (SIG" + std::string(name) + ")";
+}
 
-const char* wordsOf(int32_t status) {
-  for (const StatusWords& entry : kStatusWords) {
-    if (entry.status == status) return entry.words;
+// What a service does that ends of its own accord.
+const char* causeOf(const ServiceEnd& end, const std::deque<std::string>& log) {
+  if (end.inputClosed && end.waitStatus == 0) return "orderly end";
+  const auto isLoadingLine = [](const std::string& line) {
+    return line.find("Can't load H.264 codec library.") != std::string::npos;
+  };
+  if (std::any_of(log.begin(), log.end(), isLoadingLine)) {
+    return "it cannot load its encoder library";
   }
-  return orNil(errorText(status));
+  if (!end.hadCommands) return "it cannot be run, or cannot load its encoder library";
+  if (log.empty()) return "it refused a command, or cannot load its encoder library";
+  return "it refused a command";
 }
 
 }  // namespace
 
-std::string describeServiceEnd(int32_t waitStatus) {
-  if (WIFSIGNALED(waitStatus)) {
-    const int32_t signal = WTERMSIG(waitStatus);
-    const char* name = ::sigabbrev_np(signal);
-    return "service ended by signal " + std::to_string(signal) +
-           (name != nullptr ? " (SIG" + std::string(name) + ")" : "");
+std::string describeServiceEnd(const ServiceEnd& end, const std::deque<std::string>& log) {
+  if (WIFSIGNALED(end.waitStatus)) {
+    const int32_t signal = WTERMSIG(end.waitStatus);
+    return "ended by signal " + std::to_string(signal) + signalName(signal) + lastLine(log);
   }
-  const int32_t status = WEXITSTATUS(waitStatus);
-  return "service ended with status " + std::to_string(status) + ": " + wordsOf(status);
+  const bool orderly = end.inputClosed && end.waitStatus == 0;
+  return "ended with status " + std::to_string(WEXITSTATUS(end.waitStatus)) + ": " +
+         causeOf(end, log) + (orderly ? "" : lastLine(log));
+}
+
+std::string lastLine(const std::deque<std::string>& log) {
+  return log.empty() ? "" : "; its last line: " + log.back();
 }
 
 }  // namespace qora::client

@@ -1,8 +1,8 @@
 // qora-sandbox -- Runs a program under the service's system call filter:
 //     qora-sandbox PROGRAM [ARGUMENT...]
-// PROGRAM is not searched for. It takes this process over, so its process id, its descriptors and
-// its end are what the caller of qora-sandbox sees. A start that fails is told on standard error
-// and is the errno as exit status.
+// PROGRAM is not searched for. It takes this process over, so its process id, its three standard
+// descriptors and its end are what the caller of qora-sandbox sees; all other descriptors are
+// closed. A start that fails is reported on standard error and is the errno as exit status.
 
 #include <unistd.h>
 
@@ -27,6 +27,8 @@ int main(int argc, char* argv[]) {
     errno = EINVAL;
     return fail("usage: qora-sandbox PROGRAM [ARGUMENT...]");
   }
+  // An inherited socket would be a way out that the filter does not see.
+  if (::close_range(STDERR_FILENO + 1, ~0U, 0) == -1) return fail("descriptors cannot be closed");
   const qora::sandbox::ProgramStart start = {argv[1], argv + 1, environ};
   if (qora::sandbox::installCallFilter(start) == -1) return fail("the filter cannot be installed");
   ::execve(start.path, start.arguments, start.environment);
