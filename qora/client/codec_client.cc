@@ -12,8 +12,10 @@ namespace {
 // A reply too many stays in front of all later ones, so it is enough to look now and then; a round
 // trip without a pause stays one write and one read.
 constexpr std::chrono::milliseconds kIdleCheckInterval{1};
-// What a service does that ends by itself; one that lives on has to be killed for it.
+// What a service does that ends by itself, which takes the kernel a moment more. One that lives on
+// is killed for it.
 constexpr char kEndOfReplies[] = "closed its replies";
+constexpr std::chrono::milliseconds kLeavingTime{50};
 
 }  // namespace
 
@@ -217,7 +219,8 @@ int32_t CodecClient::serviceGone(int32_t otherwise) const {
 
 // Ends a service that cannot be talked to any more. Replies that came can still be read.
 int32_t CodecClient::lose(int32_t error, const char* fault) {
-  service_.finish(Clock::now(), fault, fault != kEndOfReplies);
+  const bool leaving = fault == kEndOfReplies;
+  service_.finish(Clock::now() + (leaving ? kLeavingTime : kLeavingTime.zero()), fault, !leaving);
   unsent_ = {};
   roomWanted_ = false;
   replies_.dropUnanswered();

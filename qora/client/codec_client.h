@@ -23,8 +23,9 @@
 //     if (client.process() == -1) ...                        // the service is gone: endText()
 //     while (client.readReply(reply, 0) == 1) ...            // the frames that are whole
 //     if (!client.wantsWrite()) client.tryEncode(next...);   // a picture that found no room
-// None of these calls waits. A service that hangs makes no wake: a loop that cares has a timer, and
-// ends it with stop(0).
+// None of these calls waits, but for up to 50 ms, once, for the end of a service that closed its
+// replies, which nearly all do by ending. A service that hangs makes no wake: a loop that cares has
+// a timer, and ends it with stop(0).
 //
 // Results: 1 or a count, 0 for "nothing there", -1 with errno. One thread at a time may use a
 // client; several clients are independent. Nothing raises SIGPIPE or changes a signal's

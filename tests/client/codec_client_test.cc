@@ -98,7 +98,7 @@ TEST(CodecClientTest, TellsHowTheServiceEnded) {
        "service ended with status 0: it refused a command, or cannot load its encoder library"},
       {"half 22",
        "service ended with status 22: it refused a command, or cannot load its encoder library"},
-      {"signal 9", "service ended by signal 9 (SIGKILL)"}};
+      {"signal 11", "service ended by signal 11 (SIGSEGV)"}};
   for (const auto& [script, words] : cases) {
     PeerClient client(script);
     int32_t result = client.encodeNothing();
