@@ -1,8 +1,7 @@
 // bench_frames CLIP.y4m -- Every frame of a clip through the service and in-process, on one CPU:
 // a CSV line a frame on standard output.
-#include <cstdio>
-
 #include "benchmarks/clip.h"
+#include "benchmarks/give_up.h"
 
 int main(int argc, char* argv[]) {
   if (argc != 2) qora::bench::giveUp("usage: bench_frames CLIP.y4m");

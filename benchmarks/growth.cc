@@ -2,21 +2,20 @@
 // "figure,x,service,floor". Each figure's unit is in its name.
 #include <cstdio>
 
-#include "benchmarks/sessions.h"
+#include "benchmarks/drawing.h"
+#include "benchmarks/footprint.h"
+#include "benchmarks/scripted_pair.h"
 
 namespace qora::bench {
 namespace {
 
 using namespace std::chrono_literals;
 
-struct Size {
-  int32_t width, height;
-};
-constexpr Size kSizes[] = {{320, 240},   {640, 480},   {1280, 720},
-                           {1920, 1080}, {2560, 1440}, {3840, 2160}};
+constexpr StreamShape kSizes[] = {{320, 240},   {640, 480},   {1280, 720},
+                                  {1920, 1080}, {2560, 1440}, {3840, 2160}};
 
-double megapixels(const Size& size) {
-  return size.width * size.height / 1e6;
+double megapixels(const StreamShape& shape) {
+  return shape.width * shape.height / 1e6;
 }
 
 void printRow(const char* figure, double x, double service, double floor) {
@@ -33,40 +32,36 @@ void printScripted(const char* figure, double x, int32_t rectangles, int32_t rep
 
 // Median milliseconds a frame in one stream; the first, a key frame, is not counted.
 void printFrames(const char* figure, double x, const StreamShape& shape, double share) {
-  constexpr int32_t kFrames = 24;
   SideBySide both(shape);
   drawPicture(both.picture(0));
   std::vector<double> service, floor;
-  for (int32_t frame = 0; frame < kFrames; ++frame) {
+  for (int32_t frame = 0; frame < 24; ++frame) {
     const int32_t cell = 1 - frame % 2;
     const auto list = redrawShare(both.picture(1 - cell), both.picture(cell), share, 11 + frame);
-    double serviceSum = 0;
-    double floorSum = 0;
+    double serviceSum = 0, floorSum = 0;
     for (int32_t stream = 0; stream < shape.streams; ++stream) {
       const FrameCost cost = both.encode(cell, list, stream);
-      serviceSum += cost.service;
-      floorSum += cost.floor;
+      serviceSum += cost.service / 1000;
+      floorSum += cost.floor / 1000;
     }
     if (frame == 0) continue;
-    service.push_back(serviceSum / 1000);
-    floor.push_back(floorSum / 1000);
+    service.push_back(serviceSum);
+    floor.push_back(floorSum);
   }
   printRow(figure, x, median(service), median(floor));
 }
 
-void printFirstReply(const Size& size) {
-  const StreamShape shape = {.width = size.width, .height = size.height};
+void printFirstReply(const StreamShape& shape) {
   std::vector<double> service, floor;
   for (int32_t run = 0; run < 7; ++run) {
     service.push_back(firstReplyOfService(shape));
     floor.push_back(firstFrameInProcess(shape));
   }
-  printRow("first_reply_ms", megapixels(size), median(service), median(floor));
+  printRow("first_reply_ms", megapixels(shape), median(service), median(floor));
 }
 
 void printMemory(const char* figure, double x, const StreamShape& shape) {
-  printRow(figure, x, static_cast<double>(memoryOfService(shape)) / 1024,
-           static_cast<double>(memoryInProcess(shape)) / 1024);
+  printRow(figure, x, memoryOfService(shape), memoryInProcess(shape));
 }
 
 }  // namespace
@@ -82,8 +77,8 @@ int main() {
     printScripted("reply_bytes_us", bytes, 1, bytes);
   }
   pinToOneCpu();
-  for (const Size& size : kSizes) {
-    printFrames("picture_ms", megapixels(size), {size.width, size.height}, 0.01);
+  for (const StreamShape& size : kSizes) {
+    printFrames("picture_ms", megapixels(size), size, 0.01);
   }
   for (const double share : {0.0, 0.01, 0.1, 1.0}) {
     printFrames("changed_percent_ms", share * 100, {1920, 1080}, share);
@@ -95,9 +90,9 @@ int main() {
   for (const int32_t threads : {1, 2}) {
     printFrames("threads_ms", threads, {1920, 1080, threads}, 1.0);
   }
-  for (const Size& size : kSizes) {
+  for (const StreamShape& size : kSizes) {
     printFirstReply(size);
-    printMemory("picture_mib", megapixels(size), {size.width, size.height});
+    printMemory("picture_mib", megapixels(size), size);
   }
   for (int32_t streams = 1; streams <= 8; ++streams) {
     printMemory("streams_mib", streams, {640, 480, 1, streams});

@@ -13,28 +13,25 @@ readonly terminal=(xterm -fa 'DejaVu Sans Mono' -fs 10 -bg '#20242c' -fg '#d8dee
 
 # What the windows show: sources, so that every run films the same kind of text.
 show_sources() {
-  cat service/channel.cc service/frame.cc
+  cat qora/service/channel.cc qora/service/frame.cc
   sleep infinity
 }
 scroll_sources() {
   while true; do
-    pr --merge --omit-header --page-width=230 <(cat service/*.cc) <(cat client/*.cc) |
+    pr --merge --omit-header --page-width=230 <(cat qora/service/*.cc) <(cat qora/client/*.cc) |
       while IFS= read -r line; do
         printf '%s\n' "$line"
         sleep 0.04
       done
   done
 }
-take_keys() {
-  cat
-}
-export -f show_sources scroll_sources take_keys
+export -f show_sources scroll_sources
 
 windows_of_typing() {
   start_window Reader "${terminal[@]}" -class Reader -geometry 110x60+960+20 \
     -e bash -c show_sources
   start_window Editor "${terminal[@]}" -class Editor -geometry 110x60+10+20 \
-    -e bash -c take_keys
+    -e cat
   xdotool search --onlyvisible --class Editor windowfocus --sync
 }
 # Six letters a second: somebody who types well. xdotool waits for half of its delay.

@@ -59,14 +59,12 @@ Comparison compare(const Body& ours, const Body& floor, int32_t samples,
 
 void pinToOneCpu() {
   const cpu_set_t all = allCpus();
-  cpu_set_t last;
-  CPU_ZERO(&last);
-  for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
-    if (!CPU_ISSET(cpu, &all)) continue;
-    CPU_ZERO(&last);
-    CPU_SET(cpu, &last);
-  }
-  sched_setaffinity(0, sizeof last, &last);
+  int last = CPU_SETSIZE - 1;
+  while (last > 0 && !CPU_ISSET(last, &all)) --last;
+  cpu_set_t one;
+  CPU_ZERO(&one);
+  CPU_SET(last, &one);
+  sched_setaffinity(0, sizeof one, &one);
 }
 
 void unpin() {
