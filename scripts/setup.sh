@@ -19,6 +19,7 @@ declare -rA groups=(
     libgtest-dev libgmock-dev python3-pytest
     libavcodec-dev libavutil-dev libswscale-dev
     git strace bubblewrap"
+  [packages]="scdoc dpkg-dev lintian" # manual pages, and what cpack and its checks call
   [demo]="
     ffmpeg
     xvfb openbox x11-xserver-utils

@@ -14,6 +14,13 @@
 
 namespace {
 
+constexpr char kUsage[] = "usage: qora-sandbox PROGRAM [ARGUMENT...]";
+constexpr char kAbout[] =
+    "Runs PROGRAM, which is not searched for, with the system calls that the codec service\n"
+    "makes and no others. It takes this process over; all descriptors but the three standard\n"
+    "ones are closed. Exit status: PROGRAM's, or the number of the error that kept it from\n"
+    "starting.\n";
+
 int fail(const char* what) {
   const int error = errno;
   std::fprintf(stderr, "qora-sandbox: %s: %s\n", what, std::strerror(error));
@@ -25,7 +32,13 @@ int fail(const char* what) {
 int main(int argc, char* argv[]) {
   if (argc < 2) {
     errno = EINVAL;
-    return fail("usage: qora-sandbox PROGRAM [ARGUMENT...]");
+    return fail(kUsage);
+  }
+  if (std::strcmp(argv[1], "--help") == 0) {
+    return std::printf("%s\n\n%s", kUsage, kAbout) < 0 ? EIO : 0;
+  }
+  if (std::strcmp(argv[1], "--version") == 0) {
+    return std::puts("qora-sandbox " QORA_VERSION) == EOF ? EIO : 0;
   }
   // An inherited socket would be a way out that the filter does not see.
   if (::close_range(STDERR_FILENO + 1, ~0U, 0) == -1) return fail("descriptors cannot be closed");
