@@ -11,12 +11,13 @@ file(MAKE_DIRECTORY ${pages})
 
 # qora_man(PAGE SOURCE COMPONENT COMMAND...): COMMAND prints the page as scdoc reads it.
 function(qora_man page source component)
-  add_custom_command(OUTPUT ${pages}/${page}
+  add_custom_command(OUTPUT ${pages}/${page}.gz
     COMMAND sh -c "${ARGN}" | ${SCDOC} > ${pages}/${page}
+    COMMAND gzip -9nf ${pages}/${page}
     DEPENDS ${source} ${sources}/options.awk ${sources}/protocol.awk VERBATIM)
-  set_property(GLOBAL APPEND PROPERTY QORA_MAN_PAGES ${pages}/${page})
+  set_property(GLOBAL APPEND PROPERTY QORA_MAN_PAGES ${pages}/${page}.gz)
   string(REGEX REPLACE ".*\\." "" section ${page})
-  install(FILES ${pages}/${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section}
+  install(FILES ${pages}/${page}.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section}
           COMPONENT ${component})
 endfunction()
 
