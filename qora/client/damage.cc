@@ -63,6 +63,12 @@ void Damage::add(const Damage& other) {
                  std::bit_or<>());
 }
 
+void Damage::intersect(const Damage& other) {
+  assert(other.width_ == width_ && other.height_ == height_);
+  std::transform(words_.begin(), words_.end(), other.words_.begin(), words_.begin(),
+                 std::bit_and<>());
+}
+
 void Damage::subtract(const Damage& other) {
   assert(other.width_ == width_ && other.height_ == height_);
   std::transform(words_.begin(), words_.end(), other.words_.begin(), words_.begin(),

@@ -44,8 +44,9 @@ class Damage {
   // Every macroblock that the area touches; what lies outside the picture is left out.
   void add(const Area& area);
   void addAll();
-  // The two below take damage of a picture of the same size.
+  // The next three take damage of a picture of the same size.
   void add(const Damage& other);
+  void intersect(const Damage& other);
   void subtract(const Damage& other);
   void clear();
 

@@ -22,8 +22,9 @@ extern "C" {
 #include "qora/client/changed_rectangles.h"
 #include "qora/client/codec_client.h"
 #include "qora/client/frame_segment.h"
+#include "qora/client/move_detector.h"
+#include "qora/client/region_copies.h"
 #include "qora/service/wire/byte_order.h"
-#include "tests/support/copied_rows.h"
 #include "tests/support/direct_encoder.h"
 
 namespace qora::test {
@@ -46,10 +47,12 @@ struct Content {
   const char* what;
   int width, height;  // four threads want sixteen rows of macroblocks
   int (*sample)(int x, int y, int frame);
+  bool moves = false;  // all planes alike, by whole chroma samples
 };
 constexpr Content kContents[service::kStreamCount] = {
-    {"page scrolled up", 130, 274, [](int x, int y, int n) { return page(x, y + n * 5); }},
-    {"page moved sideways", 240, 258, [](int x, int y, int n) { return page(x + n * 9, y); }},
+    {"page scrolled up", 130, 274, [](int x, int y, int n) { return page(x, y + n * 6); }, true},
+    {"page moved sideways", 240, 258, [](int x, int y, int n) { return page(x + n * 10, y); },
+     true},
     {"window dragged", 210, 288,
      [](int x, int y, int n) {
        const int left = x - n * 7 % 90, top = y - n * 3 % 60;
@@ -76,6 +79,13 @@ struct FreeFrame {
   void operator()(AVFrame* frame) const { av_frame_free(&frame); }
 };
 using Frame = std::unique_ptr<AVFrame, FreeFrame>;
+
+client::Picture viewOf(const AVFrame& frame) {
+  return {{frame.data[0], frame.data[1], frame.data[2]},
+          {frame.linesize[0], frame.linesize[1], frame.linesize[2]},
+          frame.width,
+          frame.height};
+}
 
 // A sample with U and V interleaved, as the encoder has them.
 uint8_t& sampleOf(AVFrame& frame, int plane, int x, int y) {
@@ -126,11 +136,9 @@ class Decoder {
     return sum / (picture.width * picture.height);
   }
   // Moves content from the picture before into the present one.
-  void copy(const RegionCopy& copy) {
-    forCopiedRows(copy, [&](int plane, int fromX, int fromY, int toX, int toY, int bytes) {
-      for (int i = 0; i < bytes; ++i)
-        sampleOf(*present_, plane, toX + i, toY) = sampleOf(*previous_, plane, fromX + i, fromY);
-    });
+  void copy(const std::vector<RegionCopy>& copies) {
+    if (previous_ == nullptr) return;
+    EXPECT_EQ(client::copyRegions(viewOf(*previous_), viewOf(*present_), copies), 1);
   }
 
  private:
@@ -154,7 +162,10 @@ class Stream {
  public:
   Stream(const Content& content, const service::AddStreamRequest& settings)
       : content_(content), settings_(settings), direct_(settings), random_(settings.width) {}
-  ~Stream() { EXPECT_GT(wrongWithoutCopies_, 0) << content_.what; }
+  ~Stream() {
+    EXPECT_GT(wrongWithoutCopies_, 0) << content_.what;
+    EXPECT_TRUE(moved_ > 0 || !content_.moves) << content_.what;
+  }
 
   void encode(client::CodecClient& codec, const client::FrameSegment& segment, int number) {
     SCOPED_TRACE(testing::Message() << content_.what << ", frame " << number);
@@ -165,9 +176,17 @@ class Stream {
     segment.place(cell, request);
     request.streamId = settings_.streamId;
     request.invalidate = number > 0 && below(40) == 0 ? 1 : 0;
-    const auto rectangles = rectanglesOf(sized(segment.picture(cell ^ 1)), picture, number);
+    const client::Picture before = sized(segment.picture(cell ^ 1));
+    const auto rectangles = rectanglesOf(before, picture, number);
     std::vector<RegionCopy> copies(number == 0 ? 0 : below(6));
     for (RegionCopy& copy : copies) copy = makeCopy();
+    if (number > 0 && request.invalidate == 0) {
+      client::Damage changed(content_.width, content_.height);
+      changed.addAll();
+      changed.refine(before, picture);
+      moved_ += detector_.find(before, picture, changed, nullptr, moves_);
+      copies.insert(copies.end(), moves_.copies.begin(), moves_.copies.end());
+    }
     client::Reply reply;
     ASSERT_EQ(codec.encode(request, rectangles, copies), 1);
     ASSERT_EQ(codec.readReply(reply), 1) << codec.endText();
@@ -183,10 +202,8 @@ class Stream {
     EXPECT_TRUE(decoder_.shows(produced));
     EXPECT_TRUE(settings_.bitrate > 0 || number > 0 || decoder_.loss(picture) < 2);
     wrongWithoutCopies_ += copyless_.shows(produced) ? 0 : 1;
-    for (const RegionCopy& copy : copies) {
-      service::copyRegion(copy, reference, produced);
-      decoder_.copy(copy);
-    }
+    for (const RegionCopy& copy : copies) service::copyRegion(copy, reference, produced);
+    decoder_.copy(copies);
   }
 
  private:
@@ -197,11 +214,13 @@ class Stream {
     return picture;
   }
   void draw(const client::Picture& picture, int number) const {
-    for (int plane = 0; plane < 3; ++plane)
+    for (int plane = 0; plane < 3; ++plane) {
+      const int scale = plane > 0 && content_.moves ? 2 : 1;
       for (int y = 0; y < planeHeight(picture, plane); ++y)
         for (int x = 0; x < planeWidth(picture, plane); ++x)
-          picture.plane[plane][y * picture.stride[plane] + x] =
-              static_cast<uint8_t>(std::clamp(content_.sample(x + plane * 5, y, number), 0, 255));
+          picture.plane[plane][y * picture.stride[plane] + x] = static_cast<uint8_t>(
+              std::clamp(content_.sample(x * scale + plane * 5, y * scale, number), 0, 255));
+    }
   }
   std::vector<service::Rectangle> rectanglesOf(const client::Picture& before,
                                                const client::Picture& after, int number) {
@@ -233,6 +252,9 @@ class Stream {
   Decoder decoder_, copyless_;
   std::mt19937 random_;
   int wrongWithoutCopies_ = 0;
+  client::MoveDetector detector_;
+  client::Moves moves_;
+  int moved_ = 0;  // macroblocks that the detector found
 };
 
 TEST(Pictures, AreTheEncodersAndSoAreTheBytes) {

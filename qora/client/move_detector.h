@@ -1,0 +1,109 @@
+// qora/client/move_detector.h -- What moved from one picture to the next, as exact copies of whole
+// macroblocks: text that scrolls, in any direction, and windows that are dragged.
+//
+// The encoder makes the copies in the picture that it predicts the next frame from, so a moved part
+// costs next to nothing. Every sample of a copy was compared, in all planes: where a move splits
+// colour samples (by an odd distance, in coloured content) the part is not copied but coded.
+//
+// How a frame with copies is sent: the copied macroblocks are listed first, at an offset at which
+// the encoder leaves them alone, then what remains. Never with a key frame. A standard decoder
+// cannot follow; one that makes the same copies can, see region_copies.h.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "qora/client/damage.h"
+#include "qora/client/picture.h"
+#include "qora/service/wire/messages.h"
+
+namespace qora::client {
+
+inline constexpr int32_t kMostCopies = 64;  // of one frame
+// Copies keep so far off the picture's edges: the encoder's border is made before them.
+inline constexpr int32_t kCopyEdge = 2;  // pixels
+// With fewer changed macroblocks nothing is searched for; a move of fewer is not reported.
+inline constexpr int32_t kFewestMoved = 24;
+
+// The result of one search. Use the same record for every frame: its memory is kept.
+struct Moves {
+  // What `before` had at the source, `after` has at the destination. Destinations and sizes are
+  // multiples of 16, the destinations disjoint. Sources are read from the picture before, so the
+  // order does not matter.
+  std::vector<service::RegionCopy> copies;
+  // All macroblocks that are copied to, changed or not: few copies cover much when they may pass
+  // over what stayed the same, and is the same at the source.
+  Damage covered;
+  Damage remaining;  // changed and not covered: to be coded
+};
+
+// What the search is made of.
+struct PicturePair {
+  const Picture& before;
+  const Picture& after;
+};
+struct MoveDistance {
+  int32_t dx, dy;  // from destination to source
+  int32_t votes;
+};
+// What one kind of copy makes right.
+struct MoveWay {
+  int32_t dx, dy;
+  uint8_t flags;
+  Damage cells;   // changed macroblocks
+  Damage filled;  // with those between them for which a copy does no harm
+};
+
+// Holds memory from one search to the next, nothing else. One thread at a time.
+class MoveDetector {
+ public:
+  // Searches for what moved.
+  //   before, after  pictures of one size; `before` is the one last encoded.
+  //   changed        macroblocks that really differ, see Damage::refine(); of the pictures' size.
+  //   unfit          macroblocks of `before` that no copy may read: too coarsely coded to be kept.
+  //                  Null: all are fit.
+  // Returns the number of changed macroblocks that are covered. About a millisecond when all of
+  // 1920x1080 moved, nothing when little changed.
+  int32_t find(const Picture& before, const Picture& after, const Damage& changed,
+               const Damage* unfit, Moves& moves);
+
+ private:
+  // A place that was chosen by what stands there, so that it moves with the content.
+  struct Anchor {
+    uint64_t key;  // made from the samples there
+    int32_t x, y;
+    int32_t next;  // the next of its chain, -1 none
+  };
+  struct Candidate {
+    int32_t cells;  // that it makes right
+    service::RegionCopy copy;
+  };
+
+  void collectAnchors(const Picture& before, const Damage& changed);
+  void collectVotes(const Picture& after, const Damage& changed);
+  void vote(int32_t dx, int32_t dy);
+  void chooseDistances();
+  void match(const PicturePair& pictures, const MoveDistance& distance, const Damage* unfit,
+             Damage& remaining);
+  void fill(const PicturePair& pictures, const Damage* unfit, MoveWay& way);
+  void addCandidate(const MoveWay& way, const service::Rectangle& rectangle);
+  void listCopies(Moves& moves);
+
+  std::vector<Anchor> anchors_;
+  std::vector<int32_t> chains_;          // first anchor by the key's low bits, -1 none
+  std::vector<MoveDistance> distances_;  // a hash table while votes are counted, then the best ones
+  std::vector<MoveWay> ways_;
+  std::vector<service::Rectangle> rectangles_;
+  std::vector<service::Rectangle> filledRectangles_;
+  std::vector<Candidate> candidates_;
+};
+
+// The step of the search that reads every changed pixel: sets bit i % 64 of marks[i / 64] where the
+// 16 samples from upper[i] on and those from lower[i] on make an anchor, clears it elsewhere; i
+// from 0 to count - 1. About one place in 256 is one, none where the first 8 upper samples are
+// equal. Reads count + 15 samples of each row. The plain one is the measure.
+void markAnchors(const uint8_t* upper, const uint8_t* lower, int32_t count, uint64_t* marks);
+void markAnchorsPlain(const uint8_t* upper, const uint8_t* lower, int32_t count, uint64_t* marks);
+
+}  // namespace qora::client
