@@ -1,12 +1,7 @@
 #include "qora/client/frame_segment.h"
 
-#include <sys/ipc.h>
-#include <sys/shm.h>
-
 #include <cerrno>
 #include <limits>
-
-#include "qora/base/keep_errno.h"
 
 namespace qora::client {
 namespace {
@@ -34,6 +29,22 @@ CellLayout cellLayout(int32_t width, int32_t height) {
       .size = size};
 }
 
+Picture pictureAt(uint8_t* start, const CellLayout& layout, int32_t width, int32_t height) {
+  Picture picture{.plane = {}, .stride = {}, .width = width, .height = height};
+  for (int32_t plane = 0; plane < 3; ++plane) {
+    picture.plane[plane] = start + layout.offset[plane];
+    picture.stride[plane] = static_cast<int32_t>(layout.stride[plane]);
+  }
+  return picture;
+}
+
+void placeAt(uint64_t start, const CellLayout& layout, service::EncodeRequest& request) {
+  for (int32_t plane = 0; plane < 3; ++plane) {
+    request.planeOffset[plane] = static_cast<uint32_t>(start) + layout.offset[plane];
+    request.planeStride[plane] = layout.stride[plane];
+  }
+}
+
 int32_t FrameSegment::create(int32_t width, int32_t height, int32_t cells) {
   remove();
   constexpr int32_t kMaxSide = std::numeric_limits<uint16_t>::max();  // 16 bits on the wire
@@ -41,53 +52,19 @@ int32_t FrameSegment::create(int32_t width, int32_t height, int32_t cells) {
     errno = EINVAL;
     return -1;
   }
-  const CellLayout layout = cellLayout(width, height);
-  const uint64_t size = layout.size * static_cast<uint32_t>(cells);
-  if (size > std::numeric_limits<uint32_t>::max()) {
-    errno = EOVERFLOW;
-    return -1;
-  }
-
-  const int id = ::shmget(IPC_PRIVATE, size, IPC_CREAT | 0600);
-  if (id == -1) return -1;
-  void* address = ::shmat(id, nullptr, 0);
-  {
-    KeepErrno keep;
-    ::shmctl(id, IPC_RMID, nullptr);
-  }
-  if (address == reinterpret_cast<void*>(-1)) return -1;
-  id_ = id;
-  address_ = static_cast<uint8_t*>(address);
   width_ = width;
   height_ = height;
-  layout_ = layout;
-  return 1;
-}
-
-void FrameSegment::remove() {
-  if (address_ == nullptr) return;
-  KeepErrno keep;
-  ::shmdt(address_);
-  address_ = nullptr;
-  id_ = -1;
+  layout_ = cellLayout(width, height);
+  return segment_.create(layout_.size * static_cast<uint32_t>(cells));
 }
 
 Picture FrameSegment::picture(int32_t cell) const {
-  uint8_t* start = address_ + layout_.size * static_cast<uint32_t>(cell);
-  Picture picture{.plane = {}, .stride = {}, .width = width_, .height = height_};
-  for (int32_t plane = 0; plane < 3; ++plane) {
-    picture.plane[plane] = start + layout_.offset[plane];
-    picture.stride[plane] = static_cast<int32_t>(layout_.stride[plane]);
-  }
-  return picture;
+  uint8_t* start = segment_.address() + layout_.size * static_cast<uint32_t>(cell);
+  return pictureAt(start, layout_, width_, height_);
 }
 
 void FrameSegment::place(int32_t cell, service::EncodeRequest& request) const {
-  const uint32_t start = static_cast<uint32_t>(layout_.size) * static_cast<uint32_t>(cell);
-  for (int32_t plane = 0; plane < 3; ++plane) {
-    request.planeOffset[plane] = start + layout_.offset[plane];
-    request.planeStride[plane] = layout_.stride[plane];
-  }
+  placeAt(layout_.size * static_cast<uint32_t>(cell), layout_, request);
 }
 
 }  // namespace qora::client

@@ -1,15 +1,14 @@
 // qora/client/frame_segment.h -- The shared memory that the pictures stand in.
 //
 // A segment holds a few cells of one picture each, so that a parent can fill one while it still
-// compares with another. It is marked for removal before create() returns: the kernel keeps it for
-// as long as anybody has it attached, lets the service attach it all the same, and frees it when
-// both sides have let go or died, however that comes. Nothing is left to clean up.
+// compares with another. Nothing is left to clean up, see SharedSegment.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 
 #include "qora/client/picture.h"
+#include "qora/client/shared_segment.h"
 #include "qora/service/wire/messages.h"
 
 namespace qora::client {
@@ -21,31 +20,29 @@ struct CellLayout {
   uint64_t size;  // of the whole cell; a multiple of 64
 };
 CellLayout cellLayout(int32_t width, int32_t height);
+// The picture that stands at `start`.
+Picture pictureAt(uint8_t* start, const CellLayout& layout, int32_t width, int32_t height);
+// Makes an encode request refer to the picture that stands `start` bytes into the segment.
+void placeAt(uint64_t start, const CellLayout& layout, service::EncodeRequest& request);
 
 class FrameSegment {
  public:
-  FrameSegment() = default;
-  ~FrameSegment() { remove(); }
-  FrameSegment(const FrameSegment&) = delete;
-  FrameSegment& operator=(const FrameSegment&) = delete;
-
   // Makes a segment for `cells` pictures, zero-filled, and attaches it; an earlier one is removed.
   // 1, or -1 with errno: EINVAL for a side that is not 1 to 65535 or no cell, EOVERFLOW for a
   // segment above 4 GiB, or the system's.
   [[nodiscard]] int32_t create(int32_t width, int32_t height, int32_t cells);
   // Lets go of the memory; pictures become invalid. The service keeps what it has attached.
-  void remove();
+  void remove() { segment_.remove(); }
 
   // For CodecClient::attachSegment(); -1 when there is none.
-  int32_t id() const { return id_; }
+  int32_t id() const { return segment_.id(); }
   // Cell 0 to cells - 1, to be filled or read.
   Picture picture(int32_t cell) const;
   // Makes an encode request refer to the picture of that cell.
   void place(int32_t cell, service::EncodeRequest& request) const;
 
  private:
-  int32_t id_ = -1;
-  uint8_t* address_ = nullptr;
+  SharedSegment segment_;
   int32_t width_ = 0;
   int32_t height_ = 0;
   CellLayout layout_{};
