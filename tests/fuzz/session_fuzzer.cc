@@ -34,7 +34,7 @@ using fuzz::require;
 namespace {
 
 constexpr const char* kScripts[] = {  // the input's first byte chooses one
-    "",         "planes=999", "preset=-1,errno=28", "profile=-1,errno=28", "open=0,errno=28",
+    "",         "planes=999", "preset=-1,errno=28", "profile=-1,errno=28", "open=1,errno=28",
     "encode=0", "encode=-1",  "encode=70000"};
 constexpr int kStatuses[] = {0, 12, 22, 28, 42};
 

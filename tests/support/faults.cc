@@ -1,10 +1,11 @@
-// Preloaded into the service: makes chosen calls fail or fall short, sets the clock, counts blocks.
-// The environment variable FAULTS is a list of
-//   NAME=NUMBER:ERROR  the call of that number, from 1, fails with that errno; NAME as in kNames
+// Preloaded into the service: makes one call fail or fall short, or sets the clock; counts blocks.
+// The environment variable FAULT is one of
+//   CALL=NUMBER:ERROR         that call, counted from 1, fails with that errno: allocation, read,
+//                             writev, shmat, shmdt, stat, dlopen, dlclose
 //   allocations=NUMBER:ERROR  that allocation and all after it
-//   size=BYTES         every allocation of exactly so many bytes fails
-//   short=BYTES        reads and gathered writes move at most so many bytes
-//   clock=MICROSECONDS the time of day, which goes on by a second with each look at it
+//   size=BYTES:ERROR          every allocation of exactly so many bytes
+//   short=BYTES               reads and gathered writes move at most so many bytes
+//   clock=MICROSECONDS        the time of day, which goes on by a second with each look at it
 // FAULT_COUNTS names a file of three uint64_t that is mapped: allocations, blocks held, faults met.
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -20,7 +21,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <iterator>
+#include <ctime>
 
 extern "C" {
 void* __libc_malloc(size_t size);
@@ -32,72 +33,60 @@ void __libc_free(void* block);
 
 namespace {
 
-enum Call { kAllocation, kRead, kWritev, kShmat, kShmdt, kStat, kDlopen, kDlclose };
-constexpr const char* kNames[] = {
-    "allocation=", "read=", "writev=", "shmat=", "shmdt=", "stat=", "dlopen=", "dlclose="};
-
 struct Fault {
-  uint64_t at = 0;  // 0: none
+  bool ready = false;
+  char name[16] = "";
+  uint64_t number = 0, seen = 0;
   int error = 0;
-  uint64_t seen = 0;
 };
 
-bool ready = false;
-Fault faults[std::size(kNames)];
-Fault allocations;
-uint64_t failingSize, shortLength, clockStart, looks;
+Fault fault;
 uint64_t privateCounts[3];
 uint64_t* counts = privateCounts;
-
-// The number after `name` in the list, and what follows it.
-uint64_t numberOf(const char* list, const char* name, int* error = nullptr) {
-  const char* entry = strstr(list, name);
-  if (entry == nullptr) return 0;
-  char* end;
-  const uint64_t number = strtoull(entry + strlen(name), &end, 10);
-  if (error != nullptr) *error = atoi(end + 1);
-  return number;
-}
 
 // On first use, which may come before this library's own initialisers, but not before the
 // environment is there.
 void prepare() {
-  if (ready || environ == nullptr) return;
-  ready = true;
+  if (fault.ready || environ == nullptr) return;
+  fault.ready = true;
   if (const char* path = getenv("FAULT_COUNTS")) {
     const int file = open(path, O_RDWR | O_CLOEXEC);
     void* memory = mmap(nullptr, sizeof privateCounts, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
     close(file);
     if (memory != MAP_FAILED) counts = static_cast<uint64_t*>(memory);
   }
-  const char* list = getenv("FAULTS");
-  if (list == nullptr) return;
-  for (size_t i = 0; i < std::size(kNames); ++i) {
-    faults[i].at = numberOf(list, kNames[i], &faults[i].error);
-  }
-  allocations.at = numberOf(list, "allocations=", &allocations.error);
-  failingSize = numberOf(list, "size=");
-  shortLength = numberOf(list, "short=");
-  clockStart = numberOf(list, "clock=");
+  const char* text = getenv("FAULT");
+  const char* number = text == nullptr ? nullptr : strchr(text, '=');
+  if (number == nullptr) return;
+  strncat(fault.name, text, std::min<size_t>(number - text, sizeof fault.name - 1));
+  char* end;
+  fault.number = strtoull(number + 1, &end, 10);
+  if (*end == ':') fault.error = atoi(end + 1);
 }
 
-bool fail(int error) {
+bool chosen(const char* name) {
+  prepare();
+  return strcmp(fault.name, name) == 0;
+}
+
+bool fail() {
   __atomic_add_fetch(&counts[2], 1, __ATOMIC_RELAXED);
-  errno = error;
+  errno = fault.error;
   return true;
 }
 
-bool fails(Call call) {
-  prepare();
-  Fault& fault = faults[call];
-  return __atomic_add_fetch(&fault.seen, 1, __ATOMIC_RELAXED) == fault.at && fail(fault.error);
+bool fails(const char* call) {
+  return chosen(call) && __atomic_add_fetch(&fault.seen, 1, __ATOMIC_RELAXED) == fault.number &&
+         fail();
 }
 
 bool allocationFails(size_t size) {
-  if (fails(kAllocation)) return true;
+  prepare();
   const uint64_t number = __atomic_add_fetch(&counts[0], 1, __ATOMIC_RELAXED);
-  if (allocations.at != 0 && number >= allocations.at) return fail(allocations.error);
-  return failingSize != 0 && size == failingSize && fail(ENOMEM);
+  const bool fits = (chosen("allocation") && number == fault.number) ||
+                    (chosen("allocations") && number >= fault.number) ||
+                    (chosen("size") && size == fault.number);
+  return fits && fail();
 }
 
 // Counts a new block.
@@ -107,7 +96,12 @@ void* held(void* block) {
 }
 
 size_t shortened(size_t length) {
-  return shortLength == 0 ? length : std::min<size_t>(length, shortLength);
+  return chosen("short") ? std::min<size_t>(length, fault.number) : length;
+}
+
+template <typename Function>
+Function* next(Function*, const char* name) {
+  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
 }  // namespace
@@ -128,52 +122,41 @@ void* realloc(void* block, size_t size) {
 void* memalign(size_t alignment, size_t size) {
   return allocationFails(size) ? nullptr : held(__libc_memalign(alignment, size));
 }
-void* aligned_alloc(size_t alignment, size_t size) {
-  return memalign(alignment, size);
-}
-int posix_memalign(void** block, size_t alignment, size_t size) {
-  *block = memalign(alignment, size);
-  return *block == nullptr ? ENOMEM : 0;
-}
 void free(void* block) {
   if (block != nullptr) __atomic_sub_fetch(&counts[1], 1, __ATOMIC_RELAXED);
   __libc_free(block);
 }
 
 ssize_t read(int descriptor, void* destination, size_t length) {
-  return fails(kRead) ? -1 : syscall(SYS_read, descriptor, destination, shortened(length));
+  return fails("read") ? -1 : syscall(SYS_read, descriptor, destination, shortened(length));
 }
 ssize_t writev(int descriptor, const iovec* entries, int count) {
-  if (fails(kWritev)) return -1;
   iovec cut[2] = {entries[0], count > 1 ? entries[1] : iovec{}};
   cut[0].iov_len = shortened(cut[0].iov_len);
-  if (shortLength != 0) cut[1].iov_len = std::min(cut[1].iov_len, shortLength - cut[0].iov_len);
-  return syscall(SYS_writev, descriptor, cut, std::min(count, 2));
+  cut[1].iov_len = std::min(cut[1].iov_len, shortened(SIZE_MAX) - cut[0].iov_len);
+  return fails("writev") ? -1 : syscall(SYS_writev, descriptor, cut, std::min(count, 2));
 }
 void* shmat(int id, const void* address, int flags) {
-  return reinterpret_cast<void*>(fails(kShmat) ? -1 : syscall(SYS_shmat, id, address, flags));
+  return reinterpret_cast<void*>(fails("shmat") ? -1 : syscall(SYS_shmat, id, address, flags));
 }
 int shmdt(const void* address) {
-  return fails(kShmdt) ? -1 : static_cast<int>(syscall(SYS_shmdt, address));
+  return fails("shmdt") ? -1 : static_cast<int>(syscall(SYS_shmdt, address));
 }
 int stat(const char* path, struct stat* status) {
-  return fails(kStat) ? -1 : fstatat(AT_FDCWD, path, status, 0);
+  return fails("stat") ? -1 : fstatat(AT_FDCWD, path, status, 0);
 }
 void* dlopen(const char* path, int flags) {
-  static const auto next = reinterpret_cast<decltype(&dlopen)>(dlsym(RTLD_NEXT, "dlopen"));
-  return fails(kDlopen) ? nullptr : next(path, flags);
+  return fails("dlopen") ? nullptr : next(&dlopen, "dlopen")(path, flags);
 }
 int dlclose(void* handle) {
-  static const auto next = reinterpret_cast<decltype(&dlclose)>(dlsym(RTLD_NEXT, "dlclose"));
-  return fails(kDlclose) ? -1 : next(handle);
+  return fails("dlclose") ? -1 : next(&dlclose, "dlclose")(handle);
 }
 int gettimeofday(timeval* now, void*) {
-  prepare();
   timespec real;
   clock_gettime(CLOCK_REALTIME, &real);
-  *now = {real.tv_sec, real.tv_nsec / 1000};
-  if (clockStart == 0) return 0;
-  const uint64_t time = clockStart + 1000000 * looks++;
+  const uint64_t time = chosen("clock")
+                            ? fault.number + 1000000 * fault.seen++
+                            : static_cast<uint64_t>(real.tv_sec) * 1000000 + real.tv_nsec / 1000;
   *now = {static_cast<time_t>(time / 1000000), static_cast<suseconds_t>(time % 1000000)};
   return 0;
 }

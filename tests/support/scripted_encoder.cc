@@ -1,13 +1,11 @@
 // An encoder library that encodes nothing and does what the environment variable SCRIPTED_ENCODER
 // says when an encoder is opened, a list of name=number:
-//   preset, profile   their results                                  (0)
-//   open              0: no encoder                                  (1)
-//   encode            the result, and the payload's size, to 1 MiB   (100)
-//   planes            so many frames have a reconstruction           (0)
-//   tell              the payload is a text of what the encoder was given: the picture, so many
-//   cells
-//                     of the maps                                    (0)
-//   errno             what every failure leaves                      (0)
+//   preset, profile, open  other than 0: refused                     (0)
+//   encode   the result, and the payload's size, up to 1 MiB         (100)
+//   planes   so many frames have a reconstruction                    (0)
+//   tell     the payload is a text of what the encoder was given: where the parameter block has its
+//            aq mode, the picture, so many cells of the maps         (0)
+//   errno    what every failure leaves                               (0)
 // The payload of frame n is the bytes n, n + 1, n + 2, ... It has the open function of every build,
 // so it is taken for the newest; the harness spoils the names that a library shall lack.
 #include <cerrno>
@@ -23,7 +21,7 @@ using qora::encoder::x264_nal_t;
 using qora::encoder::x264_picture_t;
 
 struct ScriptedEncoder {
-  int32_t frames, invalidated, size, framesWithPlanes, cells;
+  int32_t frames, invalidated, size, framesWithPlanes, cells, aqModeAt;
   x264_nal_t nal;
   char text[4096];
   uint8_t planes[2][64 * 64];
@@ -38,17 +36,20 @@ int32_t scripted(const char* name, int32_t otherwise) {
   return entry == nullptr ? otherwise : atoi(entry + strlen(name) + 1);
 }
 
-int32_t result(int32_t value, bool failed) {
-  if (failed) errno = scripted("errno", 0);
-  return value;
+// What a function is to return: 0, or a refusal, which leaves its errno.
+int32_t resultOf(const char* function) {
+  const int32_t result = scripted(function, 0);
+  if (result != 0) errno = scripted("errno", 0);
+  return result;
 }
 
 // The size of the text.
 int32_t tell(ScriptedEncoder& encoder, const x264_picture_t& in) {
   const auto& [type, count, stride, plane] = in.img;
   int32_t size =
-      sprintf(encoder.text, "%d open, %d invalidated; %d planes, type %d: %td %td, %d %d %d;",
-              openEncoders, encoder.invalidated, count, type, plane[1] - plane[0],
+      sprintf(encoder.text,
+              "%d open, %d invalidated, aq mode at %d; %d planes, type %d: %td %td, %d %d %d;",
+              openEncoders, encoder.invalidated, encoder.aqModeAt, count, type, plane[1] - plane[0],
               plane[2] - plane[0], stride[0], stride[1], stride[2]);
   for (int32_t i = 0; i < encoder.cells; ++i) {
     size += sprintf(encoder.text + size, " %d:%g", in.prop.mb_info[i], in.prop.quant_offsets[i]);
@@ -61,16 +62,16 @@ int32_t tell(ScriptedEncoder& encoder, const x264_picture_t& in) {
 
 extern "C" {
 
-void* x264_encoder_open_142(void*) {
-  if (scripted("open", 1) == 0) {
-    result(0, true);
-    return nullptr;
-  }
+void* x264_encoder_open_142(void* param) {
+  if (resultOf("open") != 0) return nullptr;
   auto* encoder = static_cast<ScriptedEncoder*>(calloc(1, sizeof(ScriptedEncoder)));
   if (encoder == nullptr) return nullptr;
   encoder->size = scripted("encode", 100);
   encoder->framesWithPlanes = scripted("planes", 0);
   encoder->cells = scripted("tell", 0);
+  for (int32_t at = 704; at <= 716; at += 4) {  // by layout; it is set to 1
+    if (static_cast<const int32_t*>(param)[at / 4] == 1) encoder->aqModeAt = at;
+  }
   for (int32_t i = 0; i < encoder->size + 256; ++i) pattern[i] = static_cast<uint8_t>(i);
   ++openEncoders;
   return encoder;
@@ -105,12 +106,10 @@ void x264_picture_init(x264_picture_t* picture) {
   *picture = {};
 }
 int x264_param_default_preset(void*, const char*, const char*) {
-  const int32_t value = scripted("preset", 0);
-  return result(value, value != 0);
+  return resultOf("preset");
 }
 int x264_param_apply_profile(void*, const char*) {
-  const int32_t value = scripted("profile", 0);
-  return result(value, value != 0);
+  return resultOf("profile");
 }
 
 int x264_encoder_encode(void* handle, x264_nal_t** nals, int* count, x264_picture_t* in,
@@ -127,7 +126,8 @@ int x264_encoder_encode(void* handle, x264_nal_t** nals, int* count, x264_pictur
   ++encoder->frames;
   *nals = &encoder->nal;
   *count = 1;
-  return result(size, size <= 0);
+  if (size <= 0) errno = scripted("errno", 0);
+  return size;
 }
 
 }  // extern "C"
