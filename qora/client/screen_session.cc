@@ -70,24 +70,19 @@ int32_t ScreenSession::restart() {
     return refuse(error, "cannot start the service " + options_.service.servicePath + ": " +
                              qora::errorText(error));
   }
-  launch();
-  return 1;
-}
-
-// All that a new service has to know.
-void ScreenSession::launch() {
-  if (segment_.id() != -1) note(client_.attachSegment(segment_.id()));
+  isUp_ = true;
   for (const Slot& slot : streams_) {
     if (slot) addToService(slot->settings());
   }
-  for (int32_t stream = 0; stream < service::kStreamCount; ++stream) sendDue(stream);
+  sendAllDue();
+  return 1;
 }
 
 int32_t ScreenSession::stop() {
   for (const Slot& slot : streams_) {
     if (slot && isRunning()) note(client_.removeStream(static_cast<uint8_t>(slot->settings().id)));
   }
-  if (segment_.id() != -1 && isRunning()) note(client_.removeSegment(segment_.id()));
+  if (isAttached_ && isRunning()) note(client_.removeSegment(segment_.id()));
   const int32_t result = client_.stop();
   startAnew();
   return result == -1 ? refuse(EPIPE, client_.endText()) : result;
@@ -102,6 +97,8 @@ void ScreenSession::startAnew() {
   for (Slot& slot : streams_) {
     if (slot) slot->startAnew();
   }
+  retired_.clear();
+  isAttached_ = isUp_ = false;
   lossError_ = 0;
 }
 
@@ -117,8 +114,8 @@ int32_t ScreenSession::addStream(const StreamSettings& settings) {
   return 1;
 }
 
-// A segment with room for all streams, this one as it is to be. The service encodes what was sent
-// before it attaches the new one.
+// A segment with room for all streams, this one as it is to be. The service attaches it with the
+// next frame.
 int32_t ScreenSession::layOut(const StreamSettings& settings) {
   Slot& changed = streams_[static_cast<size_t>(settings.id)];
   ScreenStream fresh;
@@ -141,9 +138,26 @@ int32_t ScreenSession::layOut(const StreamSettings& settings) {
     slot->cells().moveTo(segment.address(), start);
     start += slot->cells().bytes();
   }
+  // A segment goes with its last user, so ours stays until the service must have attached it.
+  if (isAttached_ && isAwaited(attachedAt_)) {
+    retired_.push_back({.segment = std::move(segment_), .attachedAt = attachedAt_});
+  }
   segment_ = std::move(segment);
-  if (isRunning()) note(client_.attachSegment(segment_.id()));
+  isAttached_ = false;
   return 1;
+}
+
+// Whether the reply to the frame of that number is still to come.
+bool ScreenSession::isAwaited(uint64_t frame) const {
+  return frame + sent_.size() >= framesSent_;
+}
+
+int32_t ScreenSession::attach() {
+  if (isAttached_) return 1;
+  const int32_t result = client_.attachSegment(segment_.id());
+  isAttached_ = result == 1;
+  attachedAt_ = framesSent_;
+  return result;
 }
 
 void ScreenSession::addToService(const StreamSettings& settings) {
@@ -291,8 +305,8 @@ int32_t ScreenSession::encode(int32_t stream, const Picture& picture, std::span<
   return give(stream, cell, given_, copies);
 }
 
-int32_t ScreenSession::encode(int32_t stream, const Picture& picture, const Damage& changed,
-                              std::span<const service::RegionCopy> copies) {
+int32_t ScreenSession::encodeDamage(int32_t stream, const Picture& picture, const Damage& changed,
+                                    std::span<const service::RegionCopy> copies) {
   const int32_t cell = acquiredCell(stream, picture);
   if (cell == -1) return -1;
   if (changed.width() != picture.width || changed.height() != picture.height) {
@@ -326,8 +340,7 @@ bool ScreenSession::canSend(const ScreenStream& screen) const {
   const auto own = [&](const Sent& sent) {
     return sent.isCurrent && sent.stream == screen.settings().id;
   };
-  return isRunning() && lossError_ == 0 &&
-         std::count_if(sent_.begin(), sent_.end(), own) < screen.settings().framesInFlight;
+  return isUp_ && std::count_if(sent_.begin(), sent_.end(), own) < screen.settings().framesInFlight;
 }
 
 // Sends what the stream has to send now. 1 when that was something.
@@ -349,10 +362,13 @@ int32_t ScreenSession::send(ScreenStream& screen) {
   request.invalidate = frame.keyFrame ? 1 : 0;
   screen.cells().place(frame.cell, request);
   const auto at = Clock::now();
-  const int32_t result =
-      client_.tryEncode(request, wireRectangles(screen, frame.rectangles), frame.copies);
+  int32_t result = attach();
+  if (result == 1) {
+    result = client_.tryEncode(request, wireRectangles(screen, frame.rectangles), frame.copies);
+  }
   note(result);
   if (result != 1) return 0;
+  ++framesSent_;
   sent_.push_back({.stream = screen.settings().id,
                    .isCurrent = true,
                    .isWanted = true,
@@ -385,6 +401,7 @@ int32_t ScreenSession::takeFrame(CodedFrame& frame) {
     }
     Sent sent = std::move(sent_.front());
     sent_.pop_front();
+    while (!retired_.empty() && !isAwaited(retired_.front().attachedAt)) retired_.pop_front();
     const int32_t quantizer =
         reply_.fields.quantizer == service::kUnknownQuantizer ? -1 : reply_.fields.quantizer;
     const bool keyFrame = reply_.fields.keyFrame != 0;
@@ -472,7 +489,8 @@ void ScreenSession::note(int32_t result) {
 }
 
 void ScreenSession::noteLoss(int error, const std::string& problem) {
-  if (lossError_ != 0) return;
+  if (!isUp_) return;
+  isUp_ = false;
   lossError_ = error;
   lossText_ = problem;
 }

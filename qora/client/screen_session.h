@@ -125,8 +125,8 @@ class ScreenSession {
   int32_t findChanges(int32_t stream, const Picture& picture, Damage& changed);
 
   // Takes an acquired picture as the stream's present one.
-  //   changed  what may differ from the picture given before, pixels, inside the picture. Or damage
-  //            of the picture's size.
+  //   changed  what may differ from the picture given before, pixels, inside the picture; for
+  //            encodeDamage() damage of the picture's size.
   //   copies   what moved exactly from the picture given before, destinations of whole macroblocks,
   //            both sides at least two pixels inside the picture. Only for a viewer that makes the
   //            copies of each CodedFrame in its own output: other decoders cannot follow. They are
@@ -136,8 +136,8 @@ class ScreenSession {
   // picture is still the caller's. The end of the service is told by readFrame() and process().
   int32_t encode(int32_t stream, const Picture& picture, std::span<const Area> changed,
                  std::span<const service::RegionCopy> copies = {});
-  int32_t encode(int32_t stream, const Picture& picture, const Damage& changed,
-                 std::span<const service::RegionCopy> copies = {});
+  int32_t encodeDamage(int32_t stream, const Picture& picture, const Damage& changed,
+                       std::span<const service::RegionCopy> copies = {});
   // One more frame of the picture that was sent last, a few bytes: for files, whose frames come at
   // a constant rate, after an encode() that returned 0. 0: nothing was sent yet, or not now.
   int32_t repeat(int32_t stream);
@@ -170,6 +170,10 @@ class ScreenSession {
     Clock::time_point at;
     PlannedFrame frame;
   };
+  struct Retired {
+    SharedSegment segment;
+    uint64_t attachedAt;
+  };
 
   int32_t refuse(int error, const std::string& problem);
   int32_t checkStream(int32_t stream);
@@ -178,8 +182,9 @@ class ScreenSession {
   Time now() const;
 
   // The service and what it knows.
-  void launch();
   int32_t layOut(const StreamSettings& settings);
+  bool isAwaited(uint64_t frame) const;
+  int32_t attach();
   void addToService(const StreamSettings& settings);
   void outdate(int32_t stream, bool isWanted);
   void startAnew();
@@ -200,11 +205,15 @@ class ScreenSession {
   int32_t tellLoss();
 
   SessionOptions options_;
-  // Before the client: the service has let go of it when it is given back.
   SharedSegment segment_;
   CodecClient client_;
   std::array<Slot, service::kStreamCount> streams_;
   std::deque<Sent> sent_;
+  uint64_t framesSent_ = 0;
+  bool isAttached_ = false;  // the service was told of the segment,
+  uint64_t attachedAt_ = 0;  // before the frame of this number
+  std::deque<Retired> retired_;
+  bool isUp_ = false;         // started, and not known to be gone
   bool bitrateMode_ = false;  // the service's flag: the stream added last has the encoder's bitrate
   int lossError_ = 0;         // not 0: the service is gone and nobody was told yet
   std::string lossText_;

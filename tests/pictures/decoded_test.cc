@@ -3,14 +3,9 @@
 // Eight streams at once, all of them removed and added again in other sizes. QORA_FRAMES says how
 // many pictures of each (6).
 //
-// A second decoder makes no copies: where it showed the same, the copies would prove nothing. The
-// decoders run one thread with low delay and hand out the pictures that they predict from, so what
-// is changed in them is what the next access unit sees. Copies stay 2 pixels off the picture's
-// edges: the border that the encoder predicts from was made before they are applied.
-extern "C" {
-#include <libavcodec/avcodec.h>
-}
-
+// A second decoder makes no copies: where it showed the same, the copies would prove nothing.
+// Copies stay 2 pixels off the picture's edges: the border that the encoder predicts from was made
+// before they are applied.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -23,8 +18,8 @@ extern "C" {
 #include "qora/client/codec_client.h"
 #include "qora/client/frame_segment.h"
 #include "qora/client/move_detector.h"
-#include "qora/client/region_copies.h"
 #include "qora/service/wire/byte_order.h"
+#include "tests/support/decoder.h"
 #include "tests/support/direct_encoder.h"
 
 namespace qora::test {
@@ -73,77 +68,6 @@ constexpr Content kContents[service::kStreamCount] = {
     {"chessboard", 94, 260,
      [](int x, int y, int n) { return ((x / 8 + y / 8 + n) & 1) != 0 ? 235 : 16; }},
     {"one macroblock and a bit", 34, 34, [](int x, int y, int n) { return texture(x + n, y); }},
-};
-
-struct FreeFrame {
-  void operator()(AVFrame* frame) const { av_frame_free(&frame); }
-};
-using Frame = std::unique_ptr<AVFrame, FreeFrame>;
-
-client::Picture viewOf(const AVFrame& frame) {
-  return {{frame.data[0], frame.data[1], frame.data[2]},
-          {frame.linesize[0], frame.linesize[1], frame.linesize[2]},
-          frame.width,
-          frame.height};
-}
-
-// A sample with U and V interleaved, as the encoder has them.
-uint8_t& sampleOf(AVFrame& frame, int plane, int x, int y) {
-  return plane == 0 ? frame.data[0][y * frame.linesize[0] + x]
-                    : frame.data[1 + x % 2][y * frame.linesize[1 + x % 2] + x / 2];
-}
-
-class Decoder {
- public:
-  Decoder() : context_(avcodec_alloc_context3(avcodec_find_decoder(AV_CODEC_ID_H264))) {
-    context_->thread_count = 1;
-    context_->flags |= AV_CODEC_FLAG_LOW_DELAY;
-    context_->err_recognition = AV_EF_EXPLODE;
-    EXPECT_EQ(avcodec_open2(context_, nullptr, nullptr), 0);
-  }
-  ~Decoder() { avcodec_free_context(&context_); }
-  Decoder(const Decoder&) = delete;
-  Decoder& operator=(const Decoder&) = delete;
-
-  // One access unit; its picture is the present one. False: it shows none.
-  bool decode(const Bytes& unit) {
-    AVPacket* packet = av_packet_alloc();
-    av_new_packet(packet, static_cast<int>(unit.size()));
-    std::copy(unit.begin(), unit.end(), packet->data);
-    previous_.swap(present_);
-    present_.reset(av_frame_alloc());
-    const bool decoded = avcodec_send_packet(context_, packet) == 0 &&
-                         avcodec_receive_frame(context_, present_.get()) == 0;
-    av_packet_free(&packet);
-    return decoded && present_->format == AV_PIX_FMT_YUV420P;
-  }
-  bool shows(const service::PlanarView& picture) {
-    for (int plane = 0; plane < 2; ++plane)
-      for (int y = 0; y < present_->height >> plane; ++y)
-        for (int x = 0; x < present_->width; ++x)
-          if (sampleOf(*present_, plane, x, y) !=
-              picture.plane[plane][y * picture.stride[plane] + x])
-            return false;
-    return true;
-  }
-  // Mean square of what coding changed in the luma plane.
-  double loss(const client::Picture& picture) {
-    double sum = 0;
-    for (int y = 0; y < picture.height; ++y)
-      for (int x = 0; x < picture.width; ++x)
-        sum +=
-            std::pow(sampleOf(*present_, 0, x, y) - picture.plane[0][y * picture.stride[0] + x], 2);
-    return sum / (picture.width * picture.height);
-  }
-  // Moves content from the picture before into the present one.
-  void copy(const std::vector<RegionCopy>& copies) {
-    if (previous_ == nullptr) return;
-    EXPECT_EQ(client::copyRegions(viewOf(*previous_), viewOf(*present_), copies), 1);
-  }
-
- private:
-  AVCodecContext* context_;
-  Frame previous_, present_;
 };
 
 // The second stream of each service has lengths before its NAL units: from one to the next they
