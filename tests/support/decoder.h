@@ -1,7 +1,7 @@
 // tests/support/decoder.h -- What a viewer shows, region copies included.
 //
-// One thread with low delay hands out the pictures that it predicts from, so what is changed in them
-// is what the next access unit sees.
+// One thread with low delay hands out the pictures that it predicts from, so what is changed in
+// them is what the next access unit sees.
 #pragma once
 
 extern "C" {
