@@ -273,6 +273,11 @@ int32_t ScreenSession::acquiredCell(int32_t stream, const Picture& picture) {
   return refuse(EINVAL, "the picture is not one that was acquired for " + streamText(stream));
 }
 
+int32_t ScreenSession::checkDamage(const Damage& changed, const Picture& picture) {
+  if (changed.width() == picture.width && changed.height() == picture.height) return 1;
+  return refuse(EINVAL, "the damage is that of a picture of another size");
+}
+
 int32_t ScreenSession::release(int32_t stream, const Picture& picture) {
   const int32_t cell = acquiredCell(stream, picture);
   if (cell == -1) return -1;
@@ -284,12 +289,19 @@ int32_t ScreenSession::release(int32_t stream, const Picture& picture) {
 }
 
 int32_t ScreenSession::findChanges(int32_t stream, const Picture& picture, Damage& changed) {
-  if (acquiredCell(stream, picture) == -1) return -1;
-  const ScreenStream& screen = *streams_[static_cast<size_t>(stream)];
   changed.resize(picture.width, picture.height);
   changed.addAll();
-  if (screen.present() == -1) return changed.count();
-  return changed.refine(screen.cells().picture(screen.present()), picture);
+  return refineChanges(stream, picture, changed);
+}
+
+int32_t ScreenSession::refineChanges(int32_t stream, const Picture& picture, Damage& changed) {
+  if (acquiredCell(stream, picture) == -1 || checkDamage(changed, picture) == -1) return -1;
+  const ScreenStream& screen = *streams_[static_cast<size_t>(stream)];
+  if (screen.present() != -1) {
+    return changed.refine(screen.cells().picture(screen.present()), picture);
+  }
+  changed.addAll();
+  return changed.count();
 }
 
 int32_t ScreenSession::encode(int32_t stream, const Picture& picture, std::span<const Area> changed,
@@ -309,9 +321,7 @@ int32_t ScreenSession::encodeDamage(int32_t stream, const Picture& picture, cons
                                     std::span<const service::RegionCopy> copies) {
   const int32_t cell = acquiredCell(stream, picture);
   if (cell == -1) return -1;
-  if (changed.width() != picture.width || changed.height() != picture.height) {
-    return refuse(EINVAL, "the damage is that of a picture of another size");
-  }
+  if (checkDamage(changed, picture) == -1) return -1;
   return give(stream, cell, changed, copies);
 }
 

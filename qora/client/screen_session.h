@@ -123,6 +123,9 @@ class ScreenSession {
   // Compares an acquired picture with the one given last; `changed` becomes what differs. Returns
   // the number of macroblocks; all of them for the first picture.
   int32_t findChanges(int32_t stream, const Picture& picture, Damage& changed);
+  // The same inside `changed` only, which is of the picture's size: for whoever knows where the
+  // screen was drawn on. What is not in it counts as unchanged.
+  int32_t refineChanges(int32_t stream, const Picture& picture, Damage& changed);
 
   // Takes an acquired picture as the stream's present one.
   //   changed  what may differ from the picture given before, pixels, inside the picture; for
@@ -178,6 +181,7 @@ class ScreenSession {
   int32_t refuse(int error, const std::string& problem);
   int32_t checkStream(int32_t stream);
   int32_t checkNothingAcquired();
+  int32_t checkDamage(const Damage& changed, const Picture& picture);
   int32_t acquiredCell(int32_t stream, const Picture& picture);
   Time now() const;
 
