@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Holds the include rules: which layer may include what, and the arrows inside base/.
 
-Usage: tests/rules/check_includes.py [ROOT]
+Usage: tests/rules/check_includes.py
 Prints one line for each include that breaks a rule and ends with status 1 if there is any.
 """
 
@@ -45,14 +45,13 @@ BASE_ARROWS = {
     "logger": ["clog_line", "file", "keep_errno", "mutex"],
     "mutex": ["clog_line"],
     "options": [],
-    "process": [
-        "error_text", "keep_errno", "logger", "mutex", "options", "signal", "string"
-    ],
+    "process": ["error_text", "keep_errno", "logger", "mutex", "options", "signal", "string"],
     "signal": ["error_text", "keep_errno", "logger"],
     "socket": ["error_text", "keep_errno", "logger", "string"],
     "string": ["clog_line", "logger"],
 }
 
+ROOT = pathlib.Path(__file__).parents[2]
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]', re.MULTILINE)
 
 
@@ -60,62 +59,51 @@ def matches(path, patterns):
     return any(fnmatch.fnmatch(path, pattern) for pattern in patterns)
 
 
-def base_family(path):
-    """The family of a file in base/, or None when the table has no such family."""
-    stem = pathlib.PurePath(path).stem
-    fitting = [name for name in BASE_ARROWS if stem == name or stem.startswith(name + "_")]
-    return max(fitting, key=len, default=None)
+def longest(names):
+    return max(names, key=len, default=None)
 
 
 def layer_of(path):
     """The layer of a file below qora/; None for tests and benchmarks, which may include all."""
-    parts = pathlib.PurePath(path).parts
-    if parts[0] != "qora":
-        return None
-    nested = "/".join(parts[1:3])
-    return nested if nested in LAYERS else parts[1]
+    return longest(name for name in LAYERS if path.startswith(f"qora/{name}/"))
 
 
-def broken_rule(root, path, bracket, target, used_arrows):
+def family_of(path):
+    """The family of a file in base/, or None when the table has no such family."""
+    stem = pathlib.PurePath(path).stem
+    return longest(name for name in BASE_ARROWS if f"{stem}_".startswith(f"{name}_"))
+
+
+def broken_rule(path, bracket, target, used_arrows):
     """Why the include of `target` in `path` is wrong; None when it is fine."""
-    layer = layer_of(path)
+    layer, here, there = layer_of(path), family_of(path), family_of(target)
     if pathlib.PurePath(target).name == "x264.h":
         return None if matches(path, X264_HEADER_USERS) else "only the bridge knows this header"
     if bracket == "<":
-        return "a file of ours, included as a system header" if (root / target).exists() else None
-    if not (root / target).is_file():
+        return "a file of ours, included as a system header" if (ROOT / target).exists() else None
+    if not (ROOT / target).is_file():
         return "not a path from the root"
     if layer and not matches(target, LAYERS[layer]):
         return f"{layer}/ may not include it"
-    if layer == "base":
-        here, there = base_family(path), base_family(target)
-        if here is None or there is None:
-            return "a family that the table of arrows does not have"
+    if layer == "base" and here != there:
         used_arrows.add((here, there))
-        if here != there and there not in BASE_ARROWS[here]:
+        if there not in BASE_ARROWS.get(here, []):
             return f"no arrow from {here} to {there}"
     return None
 
 
 def main():
-    root = pathlib.Path(sys.argv[1] if len(sys.argv) > 1 else pathlib.Path(__file__).parents[2])
-    complaints = []
-    used_arrows = set()
+    complaints, used_arrows = [], set()
     for house in ("qora", "tests", "benchmarks", "examples"):
-        for source in sorted((root / house).rglob("*")):
-            if source.suffix not in (".h", ".cc"):
-                continue
-            path = source.relative_to(root).as_posix()
-            text = source.read_text()
+        for source in sorted((ROOT / house).rglob("*.h")) + sorted((ROOT / house).rglob("*.cc")):
+            path, text = source.relative_to(ROOT).as_posix(), source.read_text()
             for found in INCLUDE.finditer(text):
-                reason = broken_rule(root, path, found[1], found[2], used_arrows)
-                if reason:
+                if reason := broken_rule(path, found[1], found[2], used_arrows):
                     line = text.count("\n", 0, found.start(1)) + 1
                     complaints.append(f"{path}:{line}: {found[2]}: {reason}")
-    for here, arrows in BASE_ARROWS.items():
-        for there in arrows:
-            if (here, there) not in used_arrows:
-                complaints.append(f"the arrow from {here} to {there} is not used any more")
+    complaints += [f"the arrow from {here} to {there} is not used any more"
+                   for here, arrows in BASE_ARROWS.items() for there in arrows
+                   if (here, there) not in used_arrows]
     print("\n".join(complaints) or "every include keeps the rules")
     return 1 if complaints else 0
 
