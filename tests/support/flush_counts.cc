@@ -19,14 +19,12 @@ int __real_execvp(const char* path, char* const arguments[]);
 
 // An exec that fails comes back, and counts on from zero.
 int __wrap_execve(const char* path, char* const arguments[], char* const environment[]) {
-  __gcov_dump();
-  __gcov_reset();
+  __gcov_dump(), __gcov_reset();
   return __real_execve(path, arguments, environment);
 }
 
 int __wrap_execvp(const char* path, char* const arguments[]) {
-  __gcov_dump();
-  __gcov_reset();
+  __gcov_dump(), __gcov_reset();
   return __real_execvp(path, arguments);
 }
 
