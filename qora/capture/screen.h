@@ -63,9 +63,10 @@ class Screen {
   // the caller's to read from then on: it is not reported again. "Drawn on" need not mean changed.
   [[nodiscard]] virtual int32_t takeDamage(std::vector<Area>& areas) = 0;
 
-  // Reads areas that do not overlap and lie inside the picture. `pieces` is replaced; a part of the
-  // picture that the screen does not reach has no piece. 0: the size is changing, dispatch() is to
-  // be called.
+  // Reads areas that do not overlap, lie inside the picture and begin and end at even coordinates
+  // or the picture's end. `pieces` is replaced, and they keep to the same; a part of the picture
+  // that the screen does not reach has no piece. 0: the size is changing, dispatch() is to be
+  // called.
   [[nodiscard]] virtual int32_t read(std::span<const Area> areas, std::vector<Piece>& pieces) = 0;
   // The pieces of the last read() are not used any more.
   virtual void release() = 0;

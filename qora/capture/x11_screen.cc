@@ -19,6 +19,16 @@ Area areaOf(const xcb_rectangle_t& rectangle) {
   return {rectangle.x, rectangle.y, rectangle.width, rectangle.height};
 }
 
+// What of an area of the picture is converted on its own: a chroma sample has two pixels a side.
+Area evenPart(const Area& area, const ScreenSize& size) {
+  const int32_t right = area.x + area.width;
+  const int32_t bottom = area.y + area.height;
+  const int32_t x = area.x + area.x % 2;
+  const int32_t y = area.y + area.y % 2;
+  return {x, y, (right == size.width ? right : right - right % 2) - x,
+          (bottom == size.height ? bottom : bottom - bottom % 2) - y};
+}
+
 const xcb_visualtype_t* visualOf(const xcb_screen_t* screen) {
   for (auto depth = ::xcb_screen_allowed_depths_iterator(screen); depth.rem > 0;
        ::xcb_depth_next(&depth)) {
@@ -267,10 +277,11 @@ int32_t X11Screen::takeRegion(xcb_xfixes_fetch_region_cookie_t fetch, std::vecto
 
 int32_t X11Screen::read(std::span<const Area> areas, std::vector<Piece>& pieces) {
   wanted_.clear();
+  const Area reached{root_.x - view_.x, root_.y - view_.y, root_.width, root_.height};
   for (const Area& area : areas) {
-    const Area there =
-        intersection({area.x + view_.x, area.y + view_.y, area.width, area.height}, root_);
-    if (!isEmpty(there)) wanted_.push_back(there);
+    const Area there = evenPart(intersection(area, reached), size());
+    if (isEmpty(there)) continue;
+    wanted_.push_back({there.x + view_.x, there.y + view_.y, there.width, there.height});
   }
   const int32_t result = reader_->read(wanted_, pieces);
   if (result == -1) return lost();

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <limits>
 
 #include "qora/base/error_text.h"
@@ -84,17 +83,9 @@ int32_t EncodeSession::openClip() {
 }
 
 int32_t EncodeSession::findEncoder() {
-  const std::string folder = programFolder();
-  service_ = options_.service.empty() ? findService(folder) : options_.service;
+  service_ = options_.service;
   codecRoot_ = options_.codecRoot;
-  if (const char* root = std::getenv("QORA_SYSTEM"); codecRoot_.empty() && root != nullptr) {
-    codecRoot_ = root;
-  } else if (codecRoot_.empty()) {
-    codecRoot_ = findCodecRoot(folder);
-  }
-  if (hasEncoderLibrary(codecRoot_)) return 1;
-  return fail("no encoder library in codec root '" + codecRoot_ +
-              "': neither lib/libx264.so nor codec/lib/libx264.so is there");
+  return completePaths(service_, codecRoot_, problem_);
 }
 
 int32_t EncodeSession::openFile(const std::string& path, File& file) {

@@ -1,8 +1,13 @@
 #include "qora/tools/interrupt.h"
 
+#include <sys/eventfd.h>
+#include <unistd.h>
+
 #include <csignal>
 #include <cstddef>
 #include <iterator>
+
+#include "qora/base/keep_errno.h"
 
 namespace qora::tools {
 namespace {
@@ -12,11 +17,16 @@ constexpr int kSignals[] = {SIGINT, SIGTERM};
 struct InterruptState {
   struct sigaction before[std::size(kSignals)];
   volatile std::sig_atomic_t noted = 0;
+  volatile std::sig_atomic_t event = -1;  // the descriptor
 };
 InterruptState state;
 
 void note(int) {
+  const KeepErrno keep;
+  const uint64_t one = 1;
   state.noted = 1;
+  // The counter is far from full, and without a descriptor there is nobody to wake.
+  [[maybe_unused]] const ssize_t written = ::write(state.event, &one, sizeof one);
 }
 
 }  // namespace
@@ -30,6 +40,7 @@ void ignoreInterrupts() {
 }
 
 void noteInterrupts() {
+  if (state.event == -1) state.event = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   struct sigaction handler {};
   handler.sa_handler = note;
   handler.sa_flags = SA_RESETHAND;
@@ -40,6 +51,10 @@ void noteInterrupts() {
 
 bool wasInterrupted() {
   return state.noted != 0;
+}
+
+int32_t interruptDescriptor() {
+  return state.event;
 }
 
 }  // namespace qora::tools

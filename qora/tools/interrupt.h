@@ -4,6 +4,8 @@
 // it for its whole life and is ended by its parent in order. Process-wide.
 #pragma once
 
+#include <cstdint>
+
 namespace qora::tools {
 
 // From here on SIGINT and SIGTERM do nothing.
@@ -12,5 +14,8 @@ void ignoreInterrupts();
 // process. A signal that was ignored when ignoreInterrupts() was called stays so.
 void noteInterrupts();
 bool wasInterrupted();
+// Readable from the first one on, for a program that waits for other things as well; -1 before
+// noteInterrupts().
+int32_t interruptDescriptor();
 
 }  // namespace qora::tools

@@ -35,11 +35,12 @@ std::string progressText(const ProgressFigures& figures) {
          format(", eta %lld:%02lld:%02lld", eta / 3600, eta / 60 % 60, eta % 60);
 }
 
-void ProgressLine::update(const ProgressFigures& figures) {
-  const auto now = std::chrono::steady_clock::now();
-  if (!shown_ || now < next_) return;
-  next_ = now + kInterval;
-  const std::string text = progressText(figures);
+bool ProgressLine::isDue() const {
+  return shown_ && std::chrono::steady_clock::now() >= next_;
+}
+
+void ProgressLine::show(const std::string& text) {
+  next_ = std::chrono::steady_clock::now() + kInterval;
   const std::string blanks(width_ > text.size() ? width_ - text.size() : 0, ' ');
   std::fprintf(stderr, "\r%s%s", text.c_str(), blanks.c_str());
   std::fflush(stderr);

@@ -27,7 +27,13 @@ class ProgressLine {
   ProgressLine(const ProgressLine&) = delete;
   ProgressLine& operator=(const ProgressLine&) = delete;
 
-  void update(const ProgressFigures& figures);
+  void update(const ProgressFigures& figures) {
+    if (isDue()) show(progressText(figures));
+  }
+  // For another text: whether it is time for one, and the text.
+  bool isShown() const { return shown_; }
+  bool isDue() const;
+  void show(const std::string& text);
   // Takes the line away, before anything else is written.
   void clear();
 

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <climits>
+#include <cstdlib>
 
 #include "qora/base/file.h"
 
@@ -46,6 +47,17 @@ std::string findCodecRoot(const std::string& folder) {
 std::string sandboxBeside(const std::string& service) {
   const size_t slash = service.rfind('/');
   return service.substr(0, slash == std::string::npos ? 0 : slash + 1) + "qora-sandbox";
+}
+
+int32_t completePaths(std::string& service, std::string& codecRoot, std::string& problem) {
+  const std::string folder = programFolder();
+  if (service.empty()) service = findService(folder);
+  const char* root = std::getenv("QORA_SYSTEM");
+  if (codecRoot.empty()) codecRoot = root != nullptr ? root : findCodecRoot(folder);
+  if (hasEncoderLibrary(codecRoot)) return 1;
+  problem = "no encoder library in codec root '" + codecRoot +
+            "': neither lib/libx264.so nor codec/lib/libx264.so is there";
+  return -1;
 }
 
 bool hasEncoderLibrary(const std::string& root) {

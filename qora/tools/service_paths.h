@@ -4,6 +4,7 @@
 // libexec/qora/ and the codec root in lib/qora/.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 namespace qora::tools {
@@ -17,6 +18,10 @@ std::string findCodecRoot(const std::string& folder);
 
 // The program that runs the service under its system call filter.
 std::string sandboxBeside(const std::string& service);
+
+// Fills in what a command line left empty: the service's program, and the codec root from
+// $QORA_SYSTEM or beside us. 1, or -1 with a phrase in `problem` when there is no encoder library.
+int32_t completePaths(std::string& service, std::string& codecRoot, std::string& problem);
 
 // Whether the service would find a library below `root`.
 bool hasEncoderLibrary(const std::string& root);

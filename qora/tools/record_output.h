@@ -1,0 +1,57 @@
+// qora/tools/record_output.h -- Where a recording goes: a raw file, a movie, a stream with moves.
+//
+// Times are the recording's, from 0 on. Results: 1, -1 with problem(), one line for a person.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+
+#include "qora/client/codec_client.h"
+
+namespace qora::tools {
+
+struct RecordedFrame {
+  std::chrono::microseconds time;  // when the screen looked so
+  bool keyFrame;
+  std::span<const uint8_t> accessUnit;  // Annex B
+  std::span<const service::RegionCopy> copies;
+};
+
+class RecordOutput {
+ public:
+  using Time = std::chrono::microseconds;
+
+  virtual ~RecordOutput() = default;
+
+  // Whether frames may have copies.
+  virtual bool takesCopies() const { return false; }
+  // Whether somebody will want to seek in it, so that key frames are worth their bytes.
+  virtual bool isSeekable() const { return false; }
+
+  // Pictures have this size from `now` on; to be called before the first frame. The next frame is a
+  // key frame.
+  [[nodiscard]] virtual int32_t setSize(int32_t width, int32_t height, Time now) = 0;
+  [[nodiscard]] virtual int32_t write(const RecordedFrame& frame) = 0;
+
+  // When flush() is to be called, so that a killed recorder leaves what it showed until then.
+  virtual Time flushDue() const { return Time::max(); }
+  [[nodiscard]] virtual int32_t flush(Time) { return 1; }
+  // Whether it takes another frame, that says nothing new, to keep the last picture until `end`.
+  virtual bool endsBefore(Time) const { return false; }
+
+  // Completes the recording.
+  [[nodiscard]] virtual int32_t close(Time end) = 0;
+
+  const std::string& problem() const { return problem_; }
+
+ protected:
+  std::string problem_;
+};
+
+// By the name's suffix, see qora-record --help. Nothing is created yet.
+std::unique_ptr<RecordOutput> makeOutput(const std::string& path);
+
+}  // namespace qora::tools
