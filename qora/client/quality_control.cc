@@ -13,6 +13,7 @@ namespace {
 constexpr double kHold = 50;            // a change waits while more than this is queued
 constexpr double kHoldSmall = 200;      // a small one: typing, the pointer
 constexpr double kQueueAfter = 100;     // what may be queued after a change
+constexpr double kQueueRunning = 50;    // the same of what moves on: more would only show it later
 constexpr double kLeastChange = 20;     // a change always gets that much
 constexpr double kShareRefined = 0.25;  // of that, where something still is to be sharpened
 constexpr double kQueueRefined = 40;    // what may be queued after still cells were sharpened
@@ -35,13 +36,21 @@ constexpr uint32_t kStillFor = 150;    // milliseconds until a cell counts as st
 constexpr uint32_t kWastedIn = 500;    // sharpened and changed in this time: in vain
 constexpr uint32_t kCalmAfter = 2000;  // still for this long: forgotten
 constexpr uint8_t kMostWasted = 4;
+constexpr uint32_t kAllStill = 300;  // nothing changed anywhere: no more is wasted
 
 constexpr int8_t kTextTerm = 5;    // 2.5 quantizer steps: above it is text
 constexpr float kResidual = 0.8F;  // a sharpening's bits over those of a first coding
+constexpr float kLeastLearned = 0.02F;
+constexpr float kMostLearned = 4;
 constexpr float kFrameBits = 100;  // a frame in which everything is skipped
+constexpr size_t kRunning = 2;     // kinds, added to text 0 and the rest 1
+constexpr size_t kRefined = 4;
 // A factor never counts for less than this when an offset is chosen: grain teaches factors that the
-// next page of text breaks.
-constexpr float kLeastFactor[] = {0.8F, 0.5F};
+// next page of text breaks. Text that runs on is scrolled as a rule, and predicted nearly whole.
+constexpr float kLeastFactor[] = {0.8F, 0.5F, 0.03F, 0.5F, 0.8F, 0.5F};
+// If it is not, if a new page comes in the middle, the queue is no longer than this.
+constexpr double kWorstQueue = 400;
+constexpr uint32_t kRunsOn = 300;  // milliseconds from one change of a cell to the next
 
 // Quantizers are halves of a step here, as CellFeatures::term is.
 constexpr int32_t kLargestQuantizer = 102;
@@ -63,19 +72,19 @@ void countWasted(Cell& cell, uint32_t now) {
 
 // The largest is sharpened first: text before the rest, the oldest before the younger, from the
 // top.
-uint64_t stillKey(bool isText, uint32_t age, size_t index) {
-  return uint64_t{isText} << 63 | uint64_t{age} << 31 | (0x7FFFFFFF - index);
+uint64_t stillKey(bool text, uint32_t age, size_t index) {
+  return uint64_t{text} << 63 | uint64_t{age} << 31 | (0x7FFFFFFF - index);
 }
 size_t stillIndex(uint64_t key) {
   return 0x7FFFFFFF - static_cast<size_t>(key & 0x7FFFFFFF);
 }
 
-// The factor of a cell that is coded anew: text 0, the rest 1.
-size_t kindOf(int8_t term) {
-  return term > kTextTerm ? 0 : 1;
+bool isText(int8_t term) {
+  return term > kTextTerm;
 }
 
-float sumOf(const std::array<float, 4>& bits) {
+template <typename Bits>
+float sumOf(const Bits& bits) {
   return std::accumulate(bits.begin(), bits.end(), 0.0F);
 }
 
@@ -110,7 +119,7 @@ void QualityControl::reset(int32_t width, int32_t height) {
     cells->resize(width, height);
   }
   const int32_t count = unsealed_.columns() * unsealed_.rows();
-  cells_.assign(static_cast<size_t>(count), {0, 0, kNeverCoded, 0, 0, 0});
+  cells_.assign(static_cast<size_t>(count), {0, 0, kNeverCoded, 0, 0, 0, 0});
   startAnew_ = true;
   debt_ = underWay_ = unacknowledged_ = 0;
   acknowledging_ = false;
@@ -153,15 +162,18 @@ void QualityControl::plan(Time now, const Damage& changed, const Picture& pictur
 
   plan.step = QualityStep::encode;
   plan.keyFrame = keyFrame;
-  measure(picture);
+  measure(picture, whole, ms);
   if (!whole) takeCopies(copies, ms, plan);
   const int32_t offset = chooseOffset(changeBudget());
   Pending frame = {bitsOf(changing_, offset), 0, whole};
+  for (size_t kind = 0; kind < kKinds; ++kind) frame.bits[kind] *= factors_[kind];
   const int32_t goal = chooseRefined(frame.bits);
 
-  // A later rectangle wins, so what changed stands last.
-  list(still_.finished, kSealingOffset, kMostSealed, plan);
-  still_.finished.forEachCell([&](int32_t x, int32_t y) { unsealed_.reset(x, y); });
+  if (changing_.isEmpty() && plan.copies.empty()) {
+    // Not beside what changes: the encoder would skip the cell along with its neighbours' motion.
+    list(still_.finished, kSealingOffset, kMostSealed, plan);
+    unsealed_.subtract(still_.finished);
+  }
   list(refined_, goal, kMostRefined, plan);
   refined_.forEachCell([&](int32_t x, int32_t y) {
     unsealed_.set(x, y);
@@ -174,6 +186,7 @@ void QualityControl::plan(Time now, const Damage& changed, const Picture& pictur
     markChanged(x, y, offset, ms);
   });
 
+  if (count > 0) changedAt_ = ms;
   startAnew_ = false;
   frame.bytes = (sumOf(frame.bits) + kFrameBits) / 8;
   underWay_ += frame.bytes;
@@ -228,9 +241,7 @@ bool QualityControl::waitForLink(Time now, double milliseconds, QualityPlan& pla
 // Nothing has changed: whether something is to be sharpened or sealed now.
 bool QualityControl::mayGoOn(Time now, QualityPlan& plan) const {
   if (!still_.heap.empty()) return !waitForLink(now, kRefineBelow, plan);
-  // A few cells are sealed with the next frame that is sent anyway. Many make that frame late, for
-  // the encoder looks at each: they are sealed now, while nobody waits.
-  if (still_.settled > kSmallChange) return true;
+  if (still_.worthSealing) return true;
   if (still_.next == 0) return false;
   plan.step = QualityStep::wait;
   plan.until = now + std::chrono::milliseconds(still_.next);
@@ -240,8 +251,10 @@ bool QualityControl::mayGoOn(Time now, QualityPlan& plan) const {
 void QualityControl::findStill(uint32_t now) {
   still_.finished.clear();
   still_.heap.clear();
-  still_.settled = 0;
+  int32_t settled = 0;
+  bool sharpened = false;
   still_.far = false;
+  const bool allStill = now - changedAt_ >= kAllStill;
   uint32_t next = UINT32_MAX;
   unsealed_.forEachCell([&](int32_t column, int32_t row) {
     if (changing_.test(column, row)) return;
@@ -249,26 +262,37 @@ void QualityControl::findStill(uint32_t now) {
     const bool finished = one.offset <= goal_;
     if (finished) still_.finished.set(column, row);
     const uint32_t age = now - one.changedAt;
-    const uint32_t needed = kStillFor << one.wasted;
+    const uint32_t needed = allStill ? kStillFor : kStillFor << one.wasted;
     if (age < needed) {
       next = std::min(next, needed - age);
     } else if (finished) {
-      ++still_.settled;
+      ++settled;
+      sharpened |= static_cast<int32_t>(one.refinedAt - one.changedAt) > 0;
     } else {
-      still_.heap.push_back(stillKey(kindOf(one.term) == 0, age, index(column, row)));
+      still_.heap.push_back(stillKey(isText(one.term), age, index(column, row)));
       still_.far |= one.offset > goal_ + kFarFromGoal;
     }
   });
+  // A typed letter is not worth a frame: it costs next to nothing as long as it is not sealed.
+  still_.worthSealing = sharpened || settled > kSmallChange;
   still_.next = next == UINT32_MAX ? 0 : next;
   std::make_heap(still_.heap.begin(), still_.heap.end());
 }
 
-void QualityControl::measure(const Picture& picture) {
+void QualityControl::measure(const Picture& picture, bool whole, uint32_t now) {
+  int32_t running = 0;
+  int32_t cells = 0;
   changing_.forEachCell([&](int32_t column, int32_t row) {
     const CellFeatures features = cellFeatures(picture, column, row);
-    cell(column, row).texture = features.texture;
-    cell(column, row).term = features.term;
+    Cell& one = cell(column, row);
+    one.texture = features.texture;
+    one.term = features.term;
+    const bool runs = !whole && now - one.changedAt < kRunsOn;
+    one.kind = static_cast<uint8_t>((isText(one.term) ? 0 : 1) + (runs ? kRunning : 0));
+    running += runs ? 1 : 0;
+    ++cells;
   });
+  runsOn_ = running > cells / 2;
 }
 
 // The bits of coding a cell anew at an offset. Within a factor of two for text, desktops,
@@ -278,30 +302,31 @@ float QualityControl::bitsOf(const Cell& one, int32_t offset) const {
   return bitsByStep_[static_cast<size_t>(one.texture - quantizer + kLargestQuantizer)];
 }
 
-// Of all that changes, text and the rest apart, factors included.
+// Of all cells by kind, before factors.
 QualityControl::Bits QualityControl::bitsOf(const Damage& cells, int32_t offset) const {
   Bits bits = {};
   cells.forEachCell([&](int32_t column, int32_t row) {
     const Cell& one = cells_[index(column, row)];
-    bits[kindOf(one.term)] += bitsOf(one, offset);
+    bits[one.kind] += bitsOf(one, offset);
   });
-  for (size_t kind = 0; kind < 2; ++kind) bits[kind] *= factors_[kind];
   return bits;
 }
 
 void QualityControl::learn(const Bits& bits, double actual) {
   const double predicted = sumOf(bits) + kFrameBits;
   const double error = std::clamp(std::log(std::max(actual, 1.0) / predicted), -1.6, 1.6);
-  for (size_t i = 0; i < kFactors; ++i) {
-    const double share = bits[i] / predicted;
-    factors_[i] *= static_cast<float>(std::exp(0.5 * share * error));
-    factors_[i] = std::clamp(factors_[i], 0.15F, 4.0F);
+  // What was too cheap is put right at once, what was too dear by halves.
+  const double step = error > 0 ? 1.0 : 0.5;
+  for (size_t kind = 0; kind < kKinds; ++kind) {
+    factors_[kind] *= static_cast<float>(std::exp(step * bits[kind] / predicted * error));
+    factors_[kind] = std::clamp(factors_[kind], kLeastLearned, kMostLearned);
   }
 }
 
 float QualityControl::changeBudget() const {
   if (rate_ == 0) return INFINITY;
-  const double bytes = std::max(bytesIn(kQueueAfter) - queued(), bytesIn(kLeastChange));
+  const double queue = runsOn_ ? kQueueRunning : kQueueAfter;
+  const double bytes = std::max(bytesIn(queue) - queued(), bytesIn(kLeastChange));
   // What is still and coarse gets its share of a screen that never stops.
   return static_cast<float>(bytes * 8 * (still_.heap.empty() ? 1 : 1 - kShareRefined));
 }
@@ -313,17 +338,23 @@ float QualityControl::refinementBudget(float spent) const {
   return static_cast<float>(std::max(bytes, bytesIn(kLeastRefined)) * 8);
 }
 
+bool QualityControl::isWithin(const Bits& bits, float budget) const {
+  float likely = 0;
+  float worst = 0;
+  for (size_t kind = 0; kind < kRefined; ++kind) {
+    likely += bits[kind] * std::max(factors_[kind], kLeastFactor[kind]);
+    worst += bits[kind] * kLeastFactor[kind % kRunning];
+  }
+  return likely <= budget && (rate_ == 0 || worst <= static_cast<float>(bytesIn(kWorstQueue) * 8));
+}
+
 // The finest at which all that changes is within the budget.
 int32_t QualityControl::chooseOffset(float budget) const {
   int32_t fine = 0;
   int32_t coarse = (kCoarsestOffset - goal_) / kOffsetStep;
   while (fine < coarse) {
     const int32_t middle = (fine + coarse) / 2;
-    Bits bits = bitsOf(changing_, goal_ + middle * kOffsetStep);
-    for (size_t kind = 0; kind < 2; ++kind) {
-      bits[kind] *= std::max(1.0F, kLeastFactor[kind] / factors_[kind]);
-    }
-    if (sumOf(bits) <= budget) {
+    if (isWithin(bitsOf(changing_, goal_ + middle * kOffsetStep), budget)) {
       coarse = middle;
     } else {
       fine = middle + 1;
@@ -347,10 +378,10 @@ int32_t QualityControl::chooseRefined(Bits& frame) {
     const size_t at = stillIndex(*(end - 1));
     const Cell& one = cells_[at];
     if (one.offset <= enough) continue;
-    const size_t kind = kindOf(one.term);
+    const size_t kind = kRefined + (isText(one.term) ? 0 : 1);
     const float bits = kResidual * bitsOf(one, goal);
-    budget -= bits * std::max(factors_[kind + 2], kLeastFactor[kind]);
-    frame[kind + 2] += bits * factors_[kind + 2];
+    budget -= bits * std::max(factors_[kind], kLeastFactor[kind]);
+    frame[kind] += bits * factors_[kind];
     const auto columns = static_cast<size_t>(refined_.columns());
     refined_.set(static_cast<int32_t>(at % columns), static_cast<int32_t>(at / columns));
     mustTake = false;
@@ -389,12 +420,8 @@ void QualityControl::takeCopies(std::span<const service::RegionCopy> candidates,
                [this](const auto& copy) { return isUsable(copy, changing_); });
   if (plan.copies.size() > kMostCopies) plan.copies.resize(kMostCopies);
   if (plan.copies.empty()) return;
-  const Damage all = changing_;
-  for (const service::RegionCopy& copy : plan.copies) removeDestination(copy, changing_);
-  const int32_t offset = chooseOffset(changeBudget());
+  const int32_t offset = chooseOffset(changeBudget());  // of all without copies
   std::erase_if(plan.copies, [&](const auto& copy) { return !isWorthCopying(copy, offset); });
-  changing_ = all;
-
   std::vector<int8_t> offsets;  // all read before one is written: copies overlap
   for (const service::RegionCopy& copy : plan.copies) {
     removeDestination(copy, changing_);

@@ -79,8 +79,8 @@ class QualityControl {
   //             it is in the plan: clear it.
   //   picture   of the size given to reset().
   //   copies    what moved, exactly, from the last picture encoded: destinations of whole cells.
-  //   Few
-  //             of them may be left out of the plan: a copy of a coarse part is coded instead.
+  //   Some
+  //             may be left out of the plan: what would copy a coarse part is coded instead.
   //   keyFrame  a frame that stands alone is wanted; ask until plan.keyFrame.
   // Costs microseconds for a typed letter, about half a millisecond for all of 1920x1080.
   void plan(Time now, const Damage& changed, const Picture& picture,
@@ -99,9 +99,10 @@ class QualityControl {
 
  private:
   static constexpr int8_t kNeverCoded = 127;
-  // A frame is predicted by four factors: text and the rest, coded anew and sharpened.
-  static constexpr size_t kFactors = 4;
-  using Bits = std::array<float, kFactors>;
+  // Cells are predicted by six factors: text and the rest, each of them new, moving on and on, or
+  // being sharpened.
+  static constexpr size_t kKinds = 6;
+  using Bits = std::array<float, kKinds>;
 
   // Times are in milliseconds and wrap round.
   struct Cell {
@@ -111,6 +112,7 @@ class QualityControl {
     uint8_t wasted;   // 0 to 4: how often it changed soon after it was sharpened
     uint8_t texture;  // as in CellFeatures
     int8_t term;
+    uint8_t kind;
   };
   struct Pending {
     Bits bits;     // predicted
@@ -120,7 +122,7 @@ class QualityControl {
   // The cells that are not sealed and have not changed.
   struct Still {
     Damage finished;             // at the goal
-    int32_t settled = 0;         // of those: still for long enough
+    bool worthSealing = false;   // they are many, or were sharpened; and still for long enough
     std::vector<uint64_t> heap;  // coarser than the goal and still for long enough, by stillKey()
     bool far = false;            // one of those is far from the goal
     uint32_t next = 0;           // in so many milliseconds another one will be; 0: none
@@ -138,7 +140,7 @@ class QualityControl {
   void drain(Time now);
   bool waitForLink(Time now, double milliseconds, QualityPlan& plan) const;
   // The prediction.
-  void measure(const Picture& picture);
+  void measure(const Picture& picture, bool whole, uint32_t now);
   float bitsOf(const Cell& cell, int32_t offset) const;
   Bits bitsOf(const Damage& cells, int32_t offset) const;
   void learn(const Bits& bits, double actual);
@@ -146,6 +148,7 @@ class QualityControl {
   bool mayGoOn(Time now, QualityPlan& plan) const;
   void findStill(uint32_t now);
   float changeBudget() const;
+  bool isWithin(const Bits& bits, float budget) const;
   float refinementBudget(float spent) const;
   int32_t chooseOffset(float budget) const;
   int32_t chooseRefined(Bits& frame);
@@ -164,11 +167,13 @@ class QualityControl {
   double unacknowledged_ = 0;
   Time roundTrip_{};
   std::deque<Pending> pending_;
-  Bits factors_ = {1.3F, 1.3F, 1.3F, 1.3F};
+  Bits factors_ = {1.3F, 1.3F, 1.3F, 1.3F, 1.3F, 1.3F};
   std::vector<float> bitsByStep_;
 
   std::vector<Cell> cells_;
   Damage unsealed_;
+  uint32_t changedAt_ = 0;  // the last change of any cell
+  bool runsOn_ = false;     // most of what changes did so just before
   bool startAnew_ = true;
   // Of the picture being planned; members for their memory.
   Damage changing_;
