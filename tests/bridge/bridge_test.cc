@@ -93,6 +93,7 @@ struct Session {
   Block block{side};
   std::string coded = {};       // coded bytes, and the first row of each picture that came out
   std::vector<int> facts = {};  // results, and what pictures and parameters tell
+  std::vector<void*> opened = {};
 
   int csp() const { return side.isBridge ? c.csp : installedCsp(c.csp); }
   void tellCsp(int value) { facts.push_back(side.isBridge ? installedCsp(value) : value); }
@@ -119,7 +120,10 @@ struct Session {
   void encode() {
     void* encoder = side.call<void*>(side.open.c_str(), block.data());
     if (encoder == nullptr) return;
-    uint8_t pixels[3 * 256 * 48];                             // three planes, stride 256
+    opened.push_back(encoder);
+    std::vector<uint8_t> planes(3 * 256 * 48 +
+                                4096);  // stride 256; the library reads beyond the last
+    uint8_t* const pixels = planes.data();
     uint8_t info[12] = {0, 1, 1, 1, 0, 1, 1, 1, 0, 1, 1, 1};  // 4 x 3 cells: one column changes
     float offsets[12] = {};
     x264_picture_t picture, produced = {};
@@ -156,13 +160,14 @@ struct Session {
                                     : produced.i_qpplus1 - 1);
     }
     side.call<void>("x264_encoder_parameters", encoder, block.data());
-    side.call<void>("x264_encoder_close", encoder);
     tellValues();
   }
-  // A tune that came later is in the parameters that the encoder had in the end.
+  // A tune that came later is in the parameters that the encoder had in the end. The library's
+  // parameters have texts of its encoder's, which is closed after them.
   void run() {
     if (setUp(c.tune)) encode();
     if (c.laterTune != nullptr) encode();
+    for (void* encoder : opened) side.call<void>("x264_encoder_close", encoder);
   }
 };
 
