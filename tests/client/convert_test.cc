@@ -3,8 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <climits>
 #include <random>
-#include <vector>
 
 extern "C" {
 #include <libavutil/pixfmt.h>
@@ -73,10 +73,9 @@ TEST(ConvertTest, IsWithinOneOfTheScaler) {
     const int32_t evenWidth = (width + 1) & ~1, evenHeight = (height + 1) & ~1;
     Bytes pixels = noise(static_cast<size_t>(evenWidth * evenHeight * 4));
     uint32_t* const at = reinterpret_cast<uint32_t*>(pixels.data());
-    for (int32_t y = 0; y < evenHeight; ++y) {
-      for (int32_t x = 0; x < evenWidth; ++x) {
-        at[y * evenWidth + x] = at[std::min(y, height - 1) * evenWidth + std::min(x, width - 1)];
-      }
+    for (int32_t i = 0; i < evenWidth * evenHeight; ++i) {
+      const int32_t row = std::min(i / evenWidth, height - 1);
+      at[i] = at[row * evenWidth + std::min(i % evenWidth, width - 1)];
     }
     Planes theirs(evenWidth, evenHeight), ours(width, height);
     SwsContext* const scaler =
@@ -90,15 +89,12 @@ TEST(ConvertTest, IsWithinOneOfTheScaler) {
     sws_freeContext(scaler);
 
     convertPiece({pixels.data(), evenWidth * 4, width, height}, 0, 0, ours.view);
-    for (int32_t plane = 0; plane < 3; ++plane) {
-      for (int32_t y = 0; y < planeHeight(ours.view, plane); ++y) {
-        for (int32_t x = 0; x < planeWidth(ours.view, plane); ++x) {
+    for (int32_t plane = 0; plane < 3; ++plane)
+      for (int32_t y = 0; y < planeHeight(ours.view, plane); ++y)
+        for (int32_t x = 0; x < planeWidth(ours.view, plane); ++x)
           ASSERT_NEAR(theirs.view.plane[plane][y * theirs.view.stride[plane] + x],
                       ours.view.plane[plane][y * ours.view.stride[plane] + x], 1)
               << "plane " << plane << " at " << x << "," << y << " of " << width << "x" << height;
-        }
-      }
-    }
   }
 }
 
@@ -106,25 +102,17 @@ TEST(ConvertTest, RectanglesGiveWhatTheWholePictureGives) {
   constexpr int32_t kWidth = 131, kHeight = 77;
   const Bytes pixels = noise(kWidth * kHeight * 4);
   const BgrxPixels screen = {pixels.data(), kWidth * 4, kWidth, kHeight};
-  Planes whole(kWidth, kHeight);
+  Planes whole(kWidth, kHeight), byRectangles(kWidth, kHeight);
   convertPiece(screen, 0, 0, whole.view);
-  std::mt19937 random(5);
-  std::vector<service::Rectangle> list;
-  Planes byRectangles(kWidth, kHeight);
-  for (int32_t y = 0; y < kHeight; y += 7) {
-    for (int32_t x = 0; x < kWidth; x += 13) {
-      list.push_back({0, static_cast<uint16_t>(x), static_cast<uint16_t>(y), 13, 7});
-    }
-  }
-  std::shuffle(list.begin(), list.end(), random);
-  list.push_back({0, 131, 5, 9, 9});
-  list.push_back({0, 60000, 60000, 60000, 60000});
-  list.push_back({0, 4, 4, 0, 4});
+  std::vector<service::Rectangle> list = {
+      {0, 131, 5, 9, 9}, {0, 60000, 60000, 60000, 60000}, {0, 4, 4, 0, 4}};
+  for (uint16_t y = 0; y < kHeight; y += 7)
+    for (uint16_t x = 0; x < kWidth; x += 13) list.push_back({0, x, y, 13, 7});
   EXPECT_LT(kWidth * kHeight, convertRectangles(screen, list, byRectangles.view));
   EXPECT_EQ(whole.samples, byRectangles.samples);
-  const Area odd = evenArea({-2147483647 - 1, -3, 2147483647, 8}, 100, 100);
-  EXPECT_TRUE(odd.width == 0 && odd.height == 0);
-  const Area all = evenArea({-5, 3, 2147483647, 4}, 101, 7);
+  const Area none = evenArea({INT_MIN, -3, INT_MAX, 8}, 100, 100);
+  EXPECT_TRUE(none.width == 0 && none.height == 0);
+  const Area all = evenArea({-5, 3, INT_MAX, 4}, 101, 7);
   EXPECT_TRUE(all.x == 0 && all.y == 2 && all.width == 101 && all.height == 5);
 }
 
