@@ -62,7 +62,7 @@ TEST(ErrorReports, WriteTwoLinesAndSetErrno) {
   // clang-format on
   // A null text makes the stream bad, which swallows the rest.
   GIVES(" EACCES\n| File: ERROR! Invalid state for object in method 'File::open()' context [",
-        reportInvalidState("File", "open", nullptr));
+      reportInvalidState("File", "open", nullptr));
 }
 
 TEST(Mutex, IsRecursiveAfterInitAndReset) {
@@ -89,13 +89,9 @@ TEST(Mutex, IsRecursiveAfterInitAndReset) {
 }
 
 TEST(Mutex, DeadlineIsTheClockAndTheTimeout) {
-  const int64_t rows[][3] = {{5000000007, 0, 5000000007},
-                             {5000000007, -1, 5000000007},
-                             {5000000000, 1500, 6500000000},
-                             {5999999999, 1, 6000999999},
-                             {5001000000, 999, 6000000000},
-                             {5999999999, 999, 6998999999},
-                             {5000000000, INT32_MAX, 2147488647000000}};
+  const int64_t rows[][3] = {{5000000007, 0, 5000000007}, {5000000007, -1, 5000000007}, {5000000000, 1500, 6500000000},
+      {5999999999, 1, 6000999999}, {5001000000, 999, 6000000000}, {5999999999, 999, 6998999999},
+      {5000000000, INT32_MAX, 2147488647000000}};
   for (const auto& [now, timeout, deadline] : rows) {
     Script script({{"clock_gettime", now}, {"pthread_mutex_timedlock", 0}});
     pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
@@ -110,7 +106,7 @@ TEST(Mutex, FailuresAreNoLock) {
   GIVES("0", mutex::lockMutexTimed(&checked, 20));  // EDEADLK, not a timeout
   const Script script({{"pthread_mutexattr_settype", ENOMEM}, {"pthread_mutexattr_settype", ENOMEM}});
   GIVES("\n| Mutex: ERROR! Failed to initialize the mutex.\n| Failed to initialize the mutex.\n",
-        mutex::initMutex(&checked));
+      mutex::initMutex(&checked));
   GIVES("\n| Mutex: ERROR! Failed to reset the mutex.\n| Failed to reset the mutex.\n", mutex::resetMutex(&checked));
   GIVES("0", pthread_mutex_unlock(&checked));  // it is what it was
 }
@@ -126,11 +122,11 @@ TEST(Library, ReportsWhatTheLoaderRefuses) {
   GIVES("null EINVAL\n| Library: ERROR! Invalid libary path 'nil'.\n", library::open(nullptr));
   GIVES("null ENOMSG\n" + warning + "Could not resolve symbol 'no_such'.\n" + warning + "Error is '" + name +
             ": undefined symbol: no_such'\n",
-        library::resolve(libc, "no_such"));
+      library::resolve(libc, "no_such"));
   GIVES("0", library::close(libc));
   GIVES("-1 ENOMSG\n" + warning + "Could not close library " + handle.str() + ".\n" + warning + "Error is '" + name +
             ": shared object not open'.\n",
-        library::close(libc));  // once too many
+      library::close(libc));  // once too many
 }
 
 TEST(Signal, NamesAndSets) {
@@ -174,7 +170,7 @@ TEST(Signal, CallsAndTheirFailures) {
   const std::string invalid = " failed. Error is 22 'Invalid argument'.\n";
   // The number comes back; the line shows errno, which that call leaves alone.
   GIVES("22\n| Signal: ERROR! Function pthread_sigmask failed. Error is 0 'No error'.\n",
-        setSignalMask(99, &set, nullptr));
+      setSignalMask(99, &set, nullptr));
   GIVES("-1 EINVAL\n| Signal: ERROR! Call to sigaction" + invalid, setSignalAction(SIGKILL, &action, nullptr));
   GIVES("-1 EINVAL\n| Signal: ERROR! Call to setitimer" + invalid, setIntervalTimer(99, &timer, nullptr));
   GIVES("SIG_DFL EINVAL\n| Signal: ERROR! Call to signal" + invalid, handlerName(setSignalHandler(SIGKILL, handler)));

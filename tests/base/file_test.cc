@@ -93,11 +93,9 @@ TEST_F(Pipe, TextsAreWrittenOnFromWhereTheyStopped) {
     std::vector<test::Answer> answers;
     const char *gives, *written;
   } rows[] = {{{{"write", 3}, {"write", -1, EINTR}, {"write", 5}}, "8 EINTR", "abcdefgh"},
-              {{{"write", -1, EINTR}, {"write", 2}, {"write", -1, EAGAIN}}, "2 EAGAIN", "ab"},
-              {{{"write", 1}, {"write", 0}}, "1", "a"},
-              {{{"write", 4}, {"write", -1, EIO}}, "4 EIO", "abcd"},
-              {{{"write", -1, EAGAIN}}, "0 EAGAIN", ""},
-              {{{"write", -1, EIO}}, "-1 EIO", ""}};
+      {{{"write", -1, EINTR}, {"write", 2}, {"write", -1, EAGAIN}}, "2 EAGAIN", "ab"},
+      {{{"write", 1}, {"write", 0}}, "1", "a"}, {{{"write", 4}, {"write", -1, EIO}}, "4 EIO", "abcd"},
+      {{{"write", -1, EAGAIN}}, "0 EAGAIN", ""}, {{{"write", -1, EIO}}, "-1 EIO", ""}};
   for (const auto& row : rows) {
     const Script script(row.answers);
     GIVES(row.gives, writeString(ends[1], "abcdefgh"));

@@ -16,7 +16,7 @@ namespace {
 using test::contents;
 
 const std::tuple<std::ostream& (*)(), const char*, bool> kAccessors[] = {  // prefix, on the log stream
-    {logStream, "| ", true},       {errorStream, "Error: ", false},     {warningStream, "Warning: ", false},
+    {logStream, "| ", true}, {errorStream, "Error: ", false}, {warningStream, "Warning: ", false},
     {infoStream, "Info: ", false}, {sessionStream, "Session: ", false}, {plainErrorStream, "", false},
     {plainLogStream, "", true}};
 
@@ -86,9 +86,9 @@ TEST(Logger, LinesLeaveInOneWriteEach) {
     }
   });
   for (const char* line :
-       {R"(\d+ \d+ \S+ \S+ Failed to attach to segment id 1\.\n)", R"(Error: Invalid command '1' in context \[A\]\.\n)",
-        R"(\d+ \d+ \S+ \S+ Failed to attach to segment id 2\.\n)",
-        R"(Error: Invalid command '2' in context \[A\]\.\n)"}) {
+      {R"(\d+ \d+ \S+ \S+ Failed to attach to segment id 1\.\n)", R"(Error: Invalid command '1' in context \[A\]\.\n)",
+          R"(\d+ \d+ \S+ \S+ Failed to attach to segment id 2\.\n)",
+          R"(Error: Invalid command '2' in context \[A\]\.\n)"}) {
     char packet[4096] = {};
     EXPECT_GT(::read(packets[0], packet, sizeof packet), 0);
     EXPECT_TRUE(std::regex_match(packet, std::regex(line))) << packet;
@@ -140,7 +140,7 @@ TEST_F(LogFiles, OpeningIsTriedFiveTimes) {
   GIVES("-1 EMFILE", setLog("other"));
   GIVES("1 EMFILE", setLog("log"));
   GIVES("-1 ENOENT", setLog("missing/log"));
-  EXPECT_EQ(own.log.fileName, path("log"));
+  EXPECT_STREQ(own.log.fileName, path("log").c_str());
 }
 
 TEST_F(LogFiles, OutputsByPermission) {

@@ -28,10 +28,9 @@ TEST(Process, HowOthersEndedAndThisOneRuns) {
   if (::fork() == 0) killSelf();
   ::wait(&status);
   EXPECT_EQ(status, SIGKILL);
-  for (const auto& [value, niceness] : {std::pair(100, 19), std::pair(101, 0), std::pair(102, -10), std::pair(103, -20),
-                                        std::pair(5, 5), std::pair(-3, -3)}) {
-    EXPECT_EQ(mapPriority(value), niceness);
-  }
+  for (const int32_t niceness : {5, -3}) EXPECT_EQ(mapPriority(niceness), niceness);
+  const int32_t classes[] = {19, 0, -10, -20};
+  for (int32_t n = 0; n < 4; ++n) EXPECT_EQ(mapPriority(kLowestPriority + n), classes[n]);
   inChild([] {
     EXPECT_EQ(changePriority(0) + setPriority(kLowestPriority), 2);
     EXPECT_EQ(::getpriority(PRIO_PROCESS, 0), 19);
@@ -50,41 +49,45 @@ TEST(Process, Failures) {
   const struct {
     test::Answer answer;
     std::function<int32_t()> call;
-    const char *lines, *around;  // the text of the error
+    const char* lines;
+    bool quoted;  // the text of the error
   } rows[] = {
       // clang-format off
-      {{"kill", -1, EPERM}, [] { return isAlive(1); }, "ERROR! Can't signal the pid 1.", " ''"},
-      {{"setpriority", -1, EACCES}, [] { return setPriority(102); }, "ERROR! Can't set priority to -10.", " ''"},
-      {{"nice", -1, EPERM}, [] { return changePriority(-1); }, "ERROR! Can't change priority by -1.", " ''"},
-      {{"malloc", 0, ENOMEM}, [] { return temporaryName("d", "p") ? 1 : -1; }, "ERROR! Can't create temporary name.", " ''"},
-      {{"setuid", -1, EPERM}, [] { return setUserId(4000000000); }, "ERROR! Can't set user id to 4000000000.", ", "},
-      {{"setgid", -1, EPERM}, [] { return setGroupId(0); }, "ERROR! Can't set group id to 0.", ", "},
-      {{"getpwnam_r", 0, ENOENT}, [] { return userIdOf("x"); }, "ERROR! Can't get information for user 'x'.", ", "},
-      {{"sysconf", 1, ERANGE}, [] { return groupIdOf("root"); }, "ERROR! Can't get information for group 'root'.", ", "},
-      {{"sysconf", 1, ERANGE}, [&] { return userNameOf(text, 0); }, "ERROR! Can't get information for user id '0'.", ", "},
-      {{"sysconf", 1, ERANGE}, [&] { return groupNameOf(text, 0); }, "ERROR! Can't get information for group id '0'.", ", "},
-      {{"fork", -1, EAGAIN}, [&] { return createProcess(nullptr, program, nullptr, -1, -1, -1, 0, 1); }, "WARNING! Function fork() failed.", " ''"},
-      {{"", 0, ENOENT}, [&] { return execProgram("/no", 0, program, program); }, "WARNING! Function execve() for '/no' failed.", " ''"},
-      {{"", 0, ENOENT}, [&] { return execProgram("/no", 0, program, nullptr); }, "WARNING! Function execvp() for '/no' failed.", " ''"},
+      {{"kill", -1, EPERM}, [] { return isAlive(1); }, "ERROR! Can't signal the pid 1.", true},
+      {{"setpriority", -1, EACCES}, [] { return setPriority(102); }, "ERROR! Can't set priority to -10.", true},
+      {{"nice", -1, EPERM}, [] { return changePriority(-1); }, "ERROR! Can't change priority by -1.", true},
+      {{"malloc", 0, ENOMEM}, [] { return temporaryName("d", "p") ? 1 : -1; }, "ERROR! Can't create temporary name.", true},
+      {{"setuid", -1, EPERM}, [] { return setUserId(4000000000); }, "ERROR! Can't set user id to 4000000000.", false},
+      {{"setgid", -1, EPERM}, [] { return setGroupId(0); }, "ERROR! Can't set group id to 0.", false},
+      {{"getpwnam_r", 0, ENOENT}, [] { return userIdOf("x"); }, "ERROR! Can't get information for user 'x'.", false},
+      {{"sysconf", 1, ERANGE}, [] { return groupIdOf("root"); }, "ERROR! Can't get information for group 'root'.", false},
+      {{"sysconf", 1, ERANGE}, [&] { return userNameOf(text, 0); }, "ERROR! Can't get information for user id '0'.", false},
+      {{"sysconf", 1, ERANGE}, [&] { return groupNameOf(text, 0); }, "ERROR! Can't get information for group id '0'.", false},
+      {{"fork", -1, EAGAIN}, [&] { return createProcess(nullptr, program, nullptr, -1, -1, -1, 0, 1); }, "WARNING! Function fork() failed.", true},
+      {{"", 0, ENOENT}, [&] { return execProgram("/no", 0, program, program); }, "WARNING! Function execve() for '/no' failed.", true},
+      {{"", 0, ENOENT}, [&] { return execProgram("/no", 0, program, nullptr); }, "WARNING! Function execvp() for '/no' failed.", true},
       // clang-format on
   };
-  for (const auto& [answer, call, lines, around] : rows) {
+  for (const auto& [answer, call, lines, quoted] : rows) {
     const Script script(answer.function.empty() ? std::vector<test::Answer>{} : std::vector{answer});
     const std::string level(lines, strchr(lines, ' ')), error = strerror(answer.error);
-    const std::string reason = around[1] == '\'' ? " '" + error + "'" : ", " + error;
+    const std::string reason = quoted ? " '" + error + "'" : ", " + error;
     GIVES(std::string("-1 ") + strerrorname_np(answer.error) + "\n| Process: " + lines + "\n| Process: " + level +
               " Error is " + std::to_string(answer.error) + reason + ".\n",
-          call());
+        call());
   }
   EXPECT_EQ(text, nullptr);  // as it was
-  const Script script({{"fork", -1, EINTR}, {"fork", -1, EAGAIN}, {"daemon", -1, EAGAIN}});
-  GIVES("-1 EAGAIN", forkProcess());
+  {
+    const Script script({{"fork", -1, EINTR}, {"fork", -1, EAGAIN}});
+    GIVES("-1 EAGAIN", forkProcess());
+  }
+  const Script script({{"daemon", -1, EAGAIN}});
   GIVES(
       "-1 EAGAIN\n| Process: WARNING! Detach from terminal failed.\n"
       "| Provess: WARNING! Error is 11 'Resource temporarily unavailable'.\n",
       detachFromTerminal());
   GIVES("-1 EINVAL\n| Process: WARNING! Invalid number of parameters in process creation.\n",
-        createProcess(nullptr, program + 1, nullptr, -1, -1, -1, 0, 1));
+      createProcess(nullptr, program + 1, nullptr, -1, -1, -1, 0, 1));
   GIVES("-1 ECHILD", ::wait(nullptr));  // nothing was started
 }
 
@@ -99,10 +102,8 @@ TEST(Process, Names) {
     const auto set = [](const char* variable, const char* value) {
       return value != nullptr ? ::setenv(variable, value, 1) : ::unsetenv(variable);
     };
-    const char* const rows[][5] = {{nullptr, "localhost", nullptr, nullptr, "/tmp"},
-                                   {"", "", "", "", "/tmp"},
-                                   {"pc", "pc", "", "/2", "/2"},
-                                   {"pc", "pc", "/1", "/2", "/1"}};
+    const char* const rows[][5] = {{nullptr, "localhost", nullptr, nullptr, "/tmp"}, {"", "", "", "", "/tmp"},
+        {"pc", "pc", "", "/2", "/2"}, {"pc", "pc", "/1", "/2", "/1"}};
     for (const auto& [host, hostGives, temp, tmp, directory] : rows) {
       set("HOSTNAME", host), set("TEMP", temp), set("TMP", tmp);
       EXPECT_STREQ(hostName(), hostGives);
@@ -135,8 +136,8 @@ struct Start : testing::Test {
     const char* const environment[] = {variable, nullptr};
     int32_t status = -1;
     ::waitpid(createProcess(nullptr, words.data(), variable != nullptr ? environment : nullptr, input, outputEnd, error,
-                            priority, keepPrivileges),
-              &status, 0);
+                  priority, keepPrivileges),
+        &status, 0);
     return exitStatus(status);
   }
   // The exit status and the output.
@@ -186,11 +187,10 @@ TEST_F(Start, Descriptors) {
       "for n in 0 1 2 60 61 62; do readlink /proc/$$/fd/$n || echo none; done |"
       "sed 's,/memfd:,,; s, .*,,' | xargs > " +
       path;
-  const int32_t rows[][3] = {{60, 61, 62}, {-1, -1, -1}, {0, 1, 2},  {-1, 61, 61}, {60, 61, 60},
-                             {60, 60, -1}, {60, 60, 60}, {-1, 1, 1}, {60, 60, 0},  {1, -1, -1}};
-  const char* const shown[] = {"a b c none none none", "in out err a b c",  "in out err a b c", "in b b a none c",
-                               "a b a none none c",    "a a err none b c",  "a a a none b c",   "in out out a b c",
-                               "a a a none b c",       "out none err a b c"};
+  const int32_t rows[][3] = {{60, 61, 62}, {-1, -1, -1}, {0, 1, 2}, {-1, 61, 61}, {60, 61, 60}, {60, 60, -1},
+      {60, 60, 60}, {-1, 1, 1}, {60, 60, 0}};
+  const char* const shown[] = {"a b c none none none", "in out err a b c", "in out err a b c", "in b b a none c",
+      "a b a none none c", "a a err none b c", "a a a none b c", "in out out a b c", "a a a none b c"};
   for (size_t row = 0; row < std::size(rows); ++row) {
     inChild([&] {
       for (int32_t n = 0; n < 6; ++n) ::dup2(::memfd_create(names[n], MFD_CLOEXEC), n < 3 ? n : 57 + n);
@@ -202,11 +202,16 @@ TEST_F(Start, Descriptors) {
 }
 
 TEST(Process, DetachesFromTheTerminal) {
-  inChild([] {
-    EXPECT_NE(::getsid(0), ::getpid());
-    EXPECT_EQ(detachFromTerminal(), 1);
-    EXPECT_EQ(::getsid(0), ::getpid());
+  int32_t ends[2];
+  char leads = '?';
+  ASSERT_EQ(::pipe(ends), 0);
+  inChild([&] {
+    const bool before = ::getsid(0) == ::getpid(), detached = detachFromTerminal() == 1;
+    ::write(ends[1], !before && detached && ::getsid(0) == ::getpid() ? "y" : "n", 1);
   });
+  EXPECT_EQ(::read(ends[0], &leads, 1), 1);
+  EXPECT_EQ(leads, 'y');
+  EXPECT_EQ(::close(ends[0]) + ::close(ends[1]), 0);
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 
 #include "qora/base/descriptor.h"
 #include "tests/base/calls.h"
+#include "tests/support/temporary_root.h"
 
 namespace qora::socket {
 namespace {
@@ -74,28 +75,24 @@ TEST_F(Sockets, OptionsReachTheKernelOrReport) {
 TEST_F(Sockets, NeedALevelThatIsDetectedOnce) {
   const auto cork = [](int32_t fd) { return setCork(fd, 1); };
   const auto ack = [](int32_t fd) { return setQuickAck(fd, 1); };
-  const std::tuple<int32_t (*)(int32_t), int32_t, const char*> rows[] = {{setLowDelay, 1, "0"},
-                                                                         {cork, 3, "0"},
-                                                                         {ack, 3, "0"},
-                                                                         {bytesQueued, 3, "-1 ENOSYS"},
-                                                                         {socketBytesWritable, 3, "-1 ENOSYS"}};
+  const std::tuple<int32_t (*)(int32_t), int32_t, const char*> rows[] = {{setLowDelay, 1, "0"}, {cork, 3, "0"},
+      {ack, 3, "0"}, {bytesQueued, 3, "-1 ENOSYS"}, {socketBytesWritable, 3, "-1 ENOSYS"}};
   for (const auto& [call, least, below] : rows) {
     for (int32_t level = -1; level < 6; ++level) {
       systemSupport().level = level;
       EXPECT_EQ(test::outcome([call = call] { return call(-1); }) == below, level < least) << level;
     }
   }
-  const std::tuple<const char*, const char*, int32_t> kernels[] = {
-      {"Linux", "5.10.0", 5}, {"Linux", "2.6.32", 4}, {"Linux", "2.8.0", 4},
-      {"Linux", "2.4.20", 3}, {"Linux", "2.2.1", 2},  {"Linux", "2.0.36", 2},
-      {"Linux", "2.40", 5},   {"SunOS", "5.11", 1},   {"Linux2", "2.6.32", 0}};
+  const std::tuple<const char*, const char*, int32_t> kernels[] = {{"Linux", "5.10.0", 5}, {"Linux", "2.6.32", 4},
+      {"Linux", "2.8.0", 4}, {"Linux", "2.4.20", 3}, {"Linux", "2.2.1", 2}, {"Linux", "2.0.36", 2},
+      {"Linux", "2.40", 5}, {"SunOS", "5.11", 1}, {"Linux2", "2.6.32", 0}};
   for (const auto& [kernel, release, level] : kernels) EXPECT_EQ(supportLevelOf(kernel, release), level) << release;
   const Script script({{"uname", -1, EPERM}});
-  const std::string texts[] = {"Failed to get system info. Error is 1 'Operation not permitted'.\n",
-                               "Assuming lowest system support.\n"};
+  const std::string texts[] = {
+      "Failed to get system info. Error is 1 'Operation not permitted'.\n", "Assuming lowest system support.\n"};
   GIVES("1 EPERM\n| Socket: WARNING! " + texts[0] + "| Socket: WARNING! " + texts[1] + "Warning: " + texts[0] +
             "Warning: " + texts[1],
-        (systemSupport().level = -1, ensureSystemSupport() + systemSupport().level));
+      (systemSupport().level = -1, ensureSystemSupport() + systemSupport().level));
   EXPECT_EQ((systemSupport().level = -1, ensureSystemSupport() + systemSupport().level), 6);
   EXPECT_EQ((systemSupport().level = 2, ensureSystemSupport() + systemSupport().level), 3);
 }
@@ -105,27 +102,26 @@ TEST_F(Sockets, Queries) {
     EXPECT_EQ(::fcntl(fd, F_GETFD), FD_CLOEXEC);
     EXPECT_EQ(stored(fd, SOL_SOCKET, SO_SNDBUF) + stored(fd, SOL_SOCKET, SO_RCVBUF), 80000);
   }
-  const Descriptor readOnly(::open("/dev/null", O_RDONLY));
   const std::string tcpNumber = std::to_string(tcp.get());
   GIVES("0", queryOption(tcp.get(), kQueryNoDelay));
   GIVES("1", (setNoDelay(tcp.get(), 1), queryOption(tcp.get(), kQueryNoDelay)));
   // All flags of the descriptor are taken for the outcome.
   GIVES(failed("-1", "Query failed for option 0 on FD#" + tcpNumber + ".\nError is 0 'No error'."),
-        queryOption(tcp.get(), kQueryNonBlocking));
+      queryOption(tcp.get(), kQueryNonBlocking));
   GIVES(failed("-1 EBADF", "Query failed for option 2 on FD#-1.\n" + kBad), queryOption(-1, kQueryNoDelay));
   GIVES("-1 ENOSYS\n| Socket: WARNING! Query for option 1 not implemented" +
             failed(".", "Query failed for option 1 on FD#-1.\nError is 38 'Function not implemented'."),
-        queryOption(-1, 1));
+      queryOption(-1, 1));
   GIVES(failed("-1 EBADF", "Failed to get the SO_ERROR option for FD#-1. " + kBad), pendingError(-1));
   GIVES(failed("-1 EBADF", "Failed to get bytes queued on FD#-1. " + kBad), bytesQueued(-1));
   GIVES(failed("-1 EBADF", "Failed to get bytes queued on FD#-1. " + kBad), socketBytesWritable(-1));
   const Script script({{"getsockopt", -1, EPERM}, {"socketpair", -1, EMFILE}});
   GIVES(failed("-1 EPERM",
-               "Failed to get the SO_SNDBUF size on FD#" + tcpNumber + ". Error is 1 'Operation not permitted'."),
-        socketBytesWritable(tcp.get()));
+            "Failed to get the SO_SNDBUF size on FD#" + tcpNumber + ". Error is 1 'Operation not permitted'."),
+      socketBytesWritable(tcp.get()));
   int32_t none[2];
   GIVES(failed("-1 EMFILE", "Can't create the socket pipe. Error is 24 'Too many open files'."),
-        createSocketPipe(none, 4096));
+      createSocketPipe(none, 4096));
   EXPECT_EQ(none[0] + none[1], -2);
   // 16384 bytes of the send buffer are the kernel's.
   GIVES("23616", socketBytesWritable(pair[0]));
@@ -164,15 +160,21 @@ TEST_F(Sockets, BothEnds) {
   GIVES(failed("-1 EBADF", text + "Failed to collect network information for FD#-1."), info(-1));
   GIVES("UNKNOWN UNKNOWN", hosts());
   EXPECT_EQ(localPort + remotePort, -2);
-  // A local socket has no port; this one's path begins like a number.
-  const sockaddr_un path = {AF_UNIX, "4711/none"};
+  // A local socket has no port, whatever number its path begins with.
+  const test::TemporaryRoot root;
+  test::inChild([&] {
+    const sockaddr_un path = {AF_UNIX, "4711"};
+    EXPECT_EQ(::chdir(root.path().c_str()), 0);
+    EXPECT_EQ(::bind(local.get(), reinterpret_cast<const sockaddr*>(&path), sizeof path), 0);
+    GIVES("0", portOf(local.get(), kLocal));
+  });
   GIVES("1", info(pair[0]));
   GIVES("localhost localhost", hosts());
   EXPECT_EQ(localPort + remotePort, 0);
   const Descriptor netlink(::socket(AF_NETLINK, SOCK_RAW, 0));
   GIVES(failed("null",
-               "Can't get the host name info for FD#" + std::to_string(netlink.get()) + ".\nError is 0 'No error'."),
-        hostText(netlink.get(), kLocal));
+            "Can't get the host name info for FD#" + std::to_string(netlink.get()) + ".\nError is 0 'No error'."),
+      hostText(netlink.get(), kLocal));
   GIVES(failed("-1", "Can't get the network port.\nError is 0 'No error'."), portOf(netlink.get(), kLocal));
   delete[] localHost;
   delete[] remoteHost;
@@ -180,8 +182,7 @@ TEST_F(Sockets, BothEnds) {
 
 TEST(SocketAddress, TextsAndNames) {
   const std::pair<const char*, const char*> addresses[] = {{"::ffff:127.0.0.1", "2 16 4711 127.0.0.1"},
-                                                           {"::127.0.0.1", "10 28 4711 0.0.0.0"},
-                                                           {"1::ffff:127.0.0.1", "10 28 4711 0.0.0.0"}};
+      {"::127.0.0.1", "10 28 4711 0.0.0.0"}, {"1::ffff:127.0.0.1", "10 28 4711 0.0.0.0"}};
   for (const auto& [text, plain] : addresses) {
     sockaddr_in6 address = {AF_INET6, htons(4711), 0, {}, 0};
     ::inet_pton(AF_INET6, text, &address.sin6_addr);
@@ -191,27 +192,24 @@ TEST(SocketAddress, TextsAndNames) {
     EXPECT_EQ(unmapIPv4Address(unmapIPv4Address(any, length), length), any);  // a plain one stays
     EXPECT_EQ(std::to_string(any->sa_family) + " " + std::to_string(length) + " " +
                   std::to_string(ntohs(v4->sin_port)) + " " + addressText(v4->sin_addr.s_addr),
-              plain);
+        plain);
   }
   char four[] = {127, 0, 0, 1}, sixteen[16] = {}, *list[] = {four, sixteen, nullptr};
   const hostent v4 = {nullptr, nullptr, AF_INET, 4, list}, v6 = {nullptr, nullptr, AF_INET6, 16, list + 1};
   const Script script({{"gethostbyname", reinterpret_cast<int64_t>(&v4)},
-                       {"gethostbyname", reinterpret_cast<int64_t>(&v6)},
-                       {"gethostbyname", 0, EMFILE},
-                       {"gethostbyname", 0, 99},
-                       {"gethostbyaddr", reinterpret_cast<int64_t>(&v4)},
-                       {"gethostbyaddr", 0, TRY_AGAIN}});
+      {"gethostbyname", reinterpret_cast<int64_t>(&v6)}, {"gethostbyname", 0, EMFILE}, {"gethostbyname", 0, 99},
+      {"gethostbyaddr", reinterpret_cast<int64_t>(&v4)}, {"gethostbyaddr", 0, TRY_AGAIN}});
   GIVES("127.0.0.1", resolvedAddressText("host"));
   GIVES("1.2.3.4", resolvedAddressText("1.2.3.4"));
   GIVES("0 EADDRNOTAVAIL", resolveAddress(""));
   GIVES("0 EADDRNOTAVAIL", resolveAddress(nullptr));
   // Out of descriptors the resolver has no number of its own.
   GIVES(failed("0 EADDRNOTAVAIL", "Failed to resolve address 'host'.\nError is 24 'Too many open files'."),
-        resolveAddress("host"));
+      resolveAddress("host"));
   GIVES(failed("0 EADDRNOTAVAIL", "Failed to resolve address 'host'.\nError is 99 'Unknown'."), resolveAddress("host"));
   GIVES("not null", lookupAddress("127.0.0.1"));
   GIVES(failed("null ENOENT", "Failed to resolve address '1.2.3.4'.\nError is 2 'Temporary name server error'."),
-        lookupAddress("1.2.3.4"));
+      lookupAddress("1.2.3.4"));
   GIVES(failed("null", "Wrong IPv4 dotted-decimal address 'x'."), lookupAddress("x"));
   GIVES(failed("null", "Wrong IPv4 dotted-decimal address 'nil'."), lookupAddress(nullptr));
   GIVES("The specified host is unknown", resolverErrorText(HOST_NOT_FOUND));

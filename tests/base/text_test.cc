@@ -52,12 +52,9 @@ TEST(String, Slots) {
   const struct {
     const char *before, *pattern, *replacement, *all, *prefix, *parameter;
   } rows[] = {{"one two one", "one", "three", "2 three two three", "1 three two one", "1 three two one"},
-              {"aaaaa", "aa", "b", "2 bba", "1 baaa", "1 baaa"},
-              {"/a//b", "/", "", "3 ab", "1 a//b", "0 /a//b"},
-              {"ab", "b", "b", "1 ab", "0 ab", "0 ab"},
-              {"ab", "abc", "x", "0 ab", "0 ab", "0 ab"},
-              {"ab", "", "x", "0 ab", "1 xab", "0 ab"},
-              {nullptr, "a", "x", "0 null", "0 null", "0 null"}};
+      {"aaaaa", "aa", "b", "2 bba", "1 baaa", "1 baaa"}, {"/a//b", "/", "", "3 ab", "1 a//b", "0 /a//b"},
+      {"ab", "b", "b", "1 ab", "0 ab", "0 ab"}, {"ab", "abc", "x", "0 ab", "0 ab", "0 ab"},
+      {"ab", "", "x", "0 ab", "1 xab", "0 ab"}, {nullptr, "a", "x", "0 null", "0 null", "0 null"}};
   for (const auto& row : rows) {
     AFTER(row.all, row.before, return replaceAll(s, row.pattern, row.replacement));
     AFTER(row.prefix, row.before, return replacePrefix(s, row.pattern, row.replacement));
@@ -94,10 +91,8 @@ TEST(String, Questions) {
   for (const char* path : {"../", "abc/../d", "/ab/../c"}) EXPECT_EQ(hasParentReference(path), 1);
   for (const char* path : {"..", "a/../b", "/../a", "ab/../c", "abcd/.."}) EXPECT_EQ(hasParentReference(path), 0);
   const std::pair<const char*, std::vector<int32_t>> versions[] = {{"3.1.4_159", {4, 3, 1, 4, 159}},
-                                                                   {"0x10.010.9", {3, 16, 8, 9, -1}},
-                                                                   {"3.1", {2, 3, 1, -1, -1}},
-                                                                   {"1.2.3-4", {3, 1, 2, 3, -1}},
-                                                                   {"", {0, -1, -1, -1, -1}}};
+      {"0x10.010.9", {3, 16, 8, 9, -1}}, {"3.1", {2, 3, 1, -1, -1}}, {"1.2.3-4", {3, 1, 2, 3, -1}},
+      {"", {0, -1, -1, -1, -1}}};
   for (const auto& [text, numbers] : versions) {
     std::vector<int32_t> n(5, 7);
     n[0] = parseVersion(text, &n[1], &n[2], &n[3], &n[4]);
@@ -124,68 +119,57 @@ TEST(String, CountsSeparatorsAtEveryLengthAndAlignment) {
 }
 
 TEST(Parameters, TextsNumbersAndItems) {
-  AFTER(
-      "\x1f"
-      "a\x1d"
-      "b\x1e\x1e"
-      "c",
-      " a=b,,c", escapeParameter(s));
+  AFTER("\037a\035b\036\036c", " a=b,,c", escapeParameter(s));
   AFTER(" a=b,,c", " a=b,,c", escapeParameter(s), unescapeParameter(s));
   const std::string full(1023, 'x'), longer(1024, 'x');
-  const std::tuple<const char*, int32_t, int32_t> texts[] = {
-      {nullptr, -1, -1}, {"a=b", -1, -1}, {"a,b", -1, -1},      {"a b", 4, 1},           {"a b", 3, -1},
-      {"", -5, -1},      {"", 1, 1},      {full.c_str(), 0, 1}, {longer.c_str(), 0, -1}, {longer.c_str(), -1, 1}};
+  const std::tuple<const char*, int32_t, int32_t> texts[] = {{nullptr, -1, -1}, {"a=b", -1, -1}, {"a,b", -1, -1},
+      {"a b", 4, 1}, {"a b", 3, -1}, {"", -5, -1}, {"", 1, 1}, {full.c_str(), 0, 1}, {longer.c_str(), 0, -1},
+      {longer.c_str(), -1, 1}};
   for (const auto& [text, limit, valid] : texts) {
     EXPECT_EQ(isValidParameterText(text, limit), valid) << orNil(text);
     EXPECT_EQ(isValidParameter("key", text, limit), valid) << orNil(text);
     if (limit == 0) EXPECT_EQ(isValidParameter(text, "value", -1), valid);
   }
-  const std::pair<const char*, const char*> counts[] = {{"12abc", "12"},
-                                                        {"007", "7"},
-                                                        {"2147483647", "2147483647"},
-                                                        {"2147483648", "-1"},
-                                                        {"99999999999999999999", "-1"},
-                                                        {"-1", "-1"},
-                                                        {" 1", "-1"},
-                                                        {"", "-1"}};
-  for (const auto& [text, count] : counts) GIVES(count, parseCount(text));
-  const std::tuple<const char*, const char*, int32_t> items[] = {{"a,ab", "a", 1},  {"ab", "ab", 1}, {",b", "", 1},
-                                                                 {"a,ab", "ab", 0}, {"ab", "a", 0},  {"a", "ab", 0},
-                                                                 {"a,b", "a,b", 0}};
-  for (const auto& [list, key, is] : items) EXPECT_EQ(isItem(list, key), is) << list << " " << key;
+  GIVES("12", parseCount("12abc"));
+  GIVES("2147483647", parseCount("002147483647"));
+  for (const char* none : {"2147483648", "99999999999999999999", "-1", " 1", ""}) GIVES("-1", parseCount(none));
+  using Item = std::pair<const char*, const char*>;
+  for (const auto& [list, key] : {Item("a,ab", "a"), Item("ab", "ab"), Item(",b", "")}) GIVES("1", isItem(list, key));
+  for (const auto& [list, key] : {Item("a,ab", "ab"), Item("ab", "a"), Item("a", "ab"), Item("a,b", "a,b")}) {
+    GIVES("0", isItem(list, key));
+  }
 }
 
 // Each option with its argument, after what was printed; then the index.
 std::string parsed(const char* letters, std::vector<const char*> words) {
-  std::string text;
   words.insert(words.begin(), "prog");
+  const auto& state = options::optionState();
   options::resetOptions();
   testing::internal::CaptureStderr();
-  for (int32_t option;
-       (option = options::parseOption(int32_t(words.size()), const_cast<char* const*>(words.data()), letters)) != -1;) {
-    const bool known = option == options::optionState().option;
-    fprintf(stderr, "%c%s%s\n", option, known ? " " : "", known ? orNil(options::optionState().argument) : "");
+  for (int32_t option; (option = options::parseOption(static_cast<int32_t>(words.size()),
+                            const_cast<char* const*>(words.data()), letters)) != -1;) {
+    fprintf(stderr, "%c %s\n", option, option == state.option ? orNil(state.argument) : "-");
   }
   return testing::internal::GetCapturedStderr() + std::to_string(options::optionState().index);
 }
 
 TEST(Options, OneByOne) {
-  EXPECT_EQ(parsed("ab:", {"-a", "-bvalue", "-b"}), "a nil\nb value\nprog: option requires an argument -- b\n?\n4");
+  EXPECT_EQ(parsed("ab:", {"-a", "-bvalue", "-b"}), "a nil\nb value\nprog: option requires an argument -- b\n? -\n4");
   EXPECT_EQ(parsed("ab:", {"-ab", "value", "-a"}), "a nil\nb value\na nil\n4");
   EXPECT_EQ(parsed("ab:", {"-b", "-a", "-b", "--"}), "b -a\nb --\n5");
   EXPECT_EQ(parsed("a", {"-a", "plain", "-a"}), "a nil\n2");
   EXPECT_EQ(parsed("a", {"-a", "--", "-a"}), "a nil\n3");
   EXPECT_EQ(parsed("a", {}), "1");
   EXPECT_EQ(parsed(nullptr, {"-a"}), "1");
-  EXPECT_EQ(parsed("a", {"-xa", "-:"}), "prog: illegal option -- x\n?\na nil\nprog: illegal option -- :\n?\n3");
-  EXPECT_EQ(parsed(":ab:", {"-x", "-b"}), "?\n:\n3");  // a colon in front silences
-  EXPECT_EQ(parsed("a", {"-", "-a"}), "1");            // an unknown dash ends and is not stepped over
+  EXPECT_EQ(parsed("a", {"-xa", "-:"}), "prog: illegal option -- x\n? -\na nil\nprog: illegal option -- :\n? -\n3");
+  EXPECT_EQ(parsed(":ab:", {"-x", "-b"}), "? -\n: -\n3");  // a colon in front silences
+  EXPECT_EQ(parsed("a", {"-", "-a"}), "1");                // an unknown dash ends and is not stepped over
   EXPECT_EQ(parsed("a-", {"-", "-a"}), "- nil\na nil\n3");
   EXPECT_EQ(parsed("a", {"-a-", "-a"}), "a nil\n1");
   EXPECT_EQ(parsed("a", {"--all"}), "1");
   EXPECT_EQ(parsed("al-", {"--al"}), "- nil\na nil\nl nil\n2");
   options::optionState() = {.printErrors = 0, .position = "xab"};  // a reset forgets the latter
-  EXPECT_EQ(parsed("ab:", {"-bvalue", "-x", "-b"}), "b value\n?\n?\n4");
+  EXPECT_EQ(parsed("ab:", {"-bvalue", "-x", "-b"}), "b value\n? -\n? -\n4");
   EXPECT_STREQ(options::optionState().argument, "value");  // a bad option has none of its own
   options::optionState() = {};
 }
