@@ -304,6 +304,14 @@ int32_t ScreenSession::refineChanges(int32_t stream, const Picture& picture, Dam
   return changed.count();
 }
 
+int32_t ScreenSession::present(int32_t stream, Picture& picture) {
+  if (checkStream(stream) == -1) return -1;
+  const ScreenStream& screen = *streams_[static_cast<size_t>(stream)];
+  if (screen.present() == -1) return 0;
+  picture = screen.cells().picture(screen.present());
+  return 1;
+}
+
 int32_t ScreenSession::encode(int32_t stream, const Picture& picture, std::span<const Area> changed,
                               std::span<const service::RegionCopy> copies) {
   const int32_t cell = acquiredCell(stream, picture);

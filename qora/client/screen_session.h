@@ -127,6 +127,10 @@ class ScreenSession {
   // screen was drawn on. What is not in it counts as unchanged.
   int32_t refineChanges(int32_t stream, const Picture& picture, Damage& changed);
 
+  // The picture given last, to be read only and only until the next call that gives one or changes
+  // the streams. 0: there is none.
+  int32_t present(int32_t stream, Picture& picture);
+
   // Takes an acquired picture as the stream's present one.
   //   changed  what may differ from the picture given before, pixels, inside the picture; for
   //            encodeDamage() damage of the picture's size.

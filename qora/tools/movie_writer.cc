@@ -153,9 +153,12 @@ int32_t MovieWriter::writeHeld(Time end) {
   packet->data = held_.data();
   packet->size = static_cast<int>(held_.size());
   packet->flags = heldKey_ ? AV_PKT_FLAG_KEY : 0;
-  packet->pts = packet->dts = heldTime_.count();
-  packet->duration = (end - heldTime_).count();
-  ::av_packet_rescale_ts(packet, kMicroseconds, stream_->time_base);
+  // Each end is rounded by itself: the next picture begins exactly where this one ends.
+  const auto rounded = [this](Time time) {
+    return ::av_rescale_q(time.count(), kMicroseconds, stream_->time_base);
+  };
+  packet->pts = packet->dts = rounded(heldTime_);
+  packet->duration = rounded(end) - rounded(heldTime_);
   const int written = ::av_write_frame(format_.get(), packet);
   packet->data = nullptr;
   ::av_packet_free(&packet);

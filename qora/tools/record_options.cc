@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "qora/client/quality_control.h"
-#include "qora/tools/movie_writer.h"
 #include "qora/tools/option_table.h"
 
 namespace qora::tools {
@@ -16,8 +15,8 @@ namespace {
 constexpr char kAbout[] =
     R"(Records an X screen to H.264. What the screen does not draw costs nothing: a frame is
 made when something changed, and only that is read and encoded. FILE's name says what
-it becomes: .264 (Annex B), .mp4 or .mkv. Ctrl-C ends a recording, and its file is
-complete.)";
+it becomes: .264 (Annex B), .mp4 or .mkv, else a stream with moves for qora-view; "-" is
+such a stream on standard output. Ctrl-C ends a recording, and its file is complete.)";
 constexpr char kFooter[] =
     R"(Exit status: 0 done, 1 it failed, 2 the command line is wrong, 3 the screen went away;
 the recording until then is complete.)";
@@ -61,10 +60,6 @@ std::string readDuration(const char* value, std::chrono::milliseconds& duration)
   return "";
 }
 
-bool hasKnownSuffix(const std::string& path) {
-  return path.ends_with(".264") || MovieWriter::takes(path);
-}
-
 OptionTable tableFor(RecordOptions& options) {
   OptionTable table("qora-record", "[options] -o FILE", kAbout, kFooter);
   table.string(options.output, {"output", 'o', "FILE", "where the recording goes"});
@@ -85,6 +80,11 @@ OptionTable tableFor(RecordOptions& options) {
                {"quality", 0, "OFFSET",
                 "quantizer offset of constant quality, -12 (finest) to 44\n(default 8)"},
                client::kFinestOffset, client::kCoarsestOffset);
+  table.choice(options.moves,
+               {"moves", 0, "on|off",
+                "whether a stream's frames may copy what moved (default on);\n"
+                "files for players never do"},
+               {"off", "on"});
   table.choice(options.pointer, {"cursor", 0, "on|off", "record the mouse pointer (default on)"},
                {"off", "on"});
   table.number(options.keyInterval,
@@ -109,7 +109,6 @@ OptionTable tableFor(RecordOptions& options) {
 std::string checkTogether(const std::vector<std::string>& operands, const RecordOptions& options) {
   if (!operands.empty()) return "'" + operands[0] + "' is no option";
   if (options.output.empty()) return "no output is named, use -o FILE";
-  if (!hasKnownSuffix(options.output)) return "-o needs a name that ends in .264, .mp4 or .mkv";
   if (options.window != 0 && options.region.width != 0) return "--window has a geometry of its own";
   return "";
 }

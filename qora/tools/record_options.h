@@ -10,14 +10,16 @@
 namespace qora::tools {
 
 struct RecordOptions {
-  std::string display;                    // empty: as the environment says
-  client::Area region{};                  // of the screen; empty: all of it
-  int32_t window = 0;                     // an X window's number; 0: none
-  std::string output;                     // "-": a stream on standard output
+  std::string display;    // empty: as the environment says
+  client::Area region{};  // of the screen; empty: all of it
+  int32_t window = 0;     // an X window's number; 0: none
+  std::string output;  // "-": a stream on standard output                     // "-": a stream on
+                       // standard output
   int32_t framesASecond = 30;             // at most
   std::chrono::milliseconds duration{0};  // 0: until it is stopped
   int32_t bitrate = 0;                    // kbit/s; 0: constant quality
   int32_t quality = 8;                    // the quantizer offset of constant quality
+  int32_t moves = 1;                      // 0: off; files for players never have any
   int32_t pointer = 1;                    // 0: not recorded
   int32_t keyInterval = -1;  // seconds; 0: no key frame but where needed; -1: 10 in .mp4 and .mkv
   int32_t threads = 1;

@@ -10,6 +10,7 @@
 
 #include "qora/base/error_text.h"
 #include "qora/tools/interrupt.h"
+#include "qora/tools/service_paths.h"
 
 namespace qora::tools {
 namespace {
@@ -18,16 +19,23 @@ using std::chrono::microseconds;
 
 constexpr int32_t kDefaultKeyInterval = 10;  // seconds, where somebody will seek
 constexpr microseconds kProgressInterval{1'000'000};
+constexpr int32_t kStream = 0;
 constexpr int32_t kEnd = 2;  // a step's result: the recording is over
 
 double secondsOf(const timeval& time) {
   return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
 }
 
-double processorSeconds() {
+double processorSeconds(int who) {
   rusage usage{};
-  ::getrusage(RUSAGE_SELF, &usage);
+  ::getrusage(who, &usage);
   return secondsOf(usage.ru_utime) + secondsOf(usage.ru_stime);
+}
+
+int64_t macroblocksIn(const auto& list) {
+  int64_t pixels = 0;
+  for (const auto& entry : list) pixels += int64_t{entry.width} * entry.height;
+  return pixels / (client::kMacroblockSize * client::kMacroblockSize);
 }
 
 }  // namespace
@@ -59,6 +67,13 @@ int32_t RecordSession::fail(const std::string& problem) {
   return -1;
 }
 
+// 0: it is gone, what was recorded is complete.
+int32_t RecordSession::failScreen() {
+  const bool gone = errno == EPIPE;
+  problem_ = screen_->problem();
+  return gone ? 0 : -1;
+}
+
 RecordSession::Time RecordSession::now() const {
   return std::chrono::duration_cast<Time>(Clock::now() - start_);
 }
@@ -85,20 +100,22 @@ int32_t RecordSession::open() {
   if (screen_ == nullptr) return -1;
   output_ = makeOutput(options_.output);
   ignoreInterrupts();
-  const int32_t started = startEncoder();
+  const int32_t started = startService();
   noteInterrupts();
-  if (started == -1) return fail(encoder_.problem());
   start_ = Clock::now();
-  return 1;
+  return started;
 }
 
-int32_t RecordSession::startEncoder() {
-  return encoder_.start({.service = options_.service,
-                         .codecRoot = options_.codecRoot,
-                         .sandbox = options_.sandbox,
-                         .threads = options_.threads,
-                         .bitrate = options_.bitrate,
-                         .quality = options_.quality});
+int32_t RecordSession::startService() {
+  std::string service = options_.service;
+  std::string codecRoot = options_.codecRoot;
+  if (completePaths(service, codecRoot, problem_) == -1) return -1;
+  const std::string sandbox = options_.sandbox ? sandboxBeside(service) : "";
+  const int32_t started = session_.start(
+      {.service = {.servicePath = service, .codecRoot = codecRoot, .sandboxPath = sandbox},
+       .frameInterval = interval_});
+  return started == 1 ? 1
+                      : fail("cannot start the service " + service + ": " + session_.errorText());
 }
 
 // 1: stopped in order. 0: the screen is gone. -1: failed.
@@ -112,145 +129,207 @@ int32_t RecordSession::record() {
 }
 
 int32_t RecordSession::step() {
+  if (takeFrames(0) == -1) return -1;
   const Time time = now();
   if (started_ && options_.duration.count() > 0 && time >= options_.duration) return kEnd;
   if (time >= output_->flushDue() && output_->flush(time) == -1) return fail(output_->problem());
-  if (time < nextFrame_) return 1;
+  if (time < nextPicture_) return 1;
   const int32_t looked = lookAtScreen();
-  if (looked != 1) return looked;
-  if (damaged_) return capture();
-  return wakeAt_ <= time ? encode(time) : 1;
+  if (looked != 1 || !damaged_) return looked;
+  const int32_t acquired = acquirePicture();
+  return acquired == 1 ? capture() : (acquired == 0 ? 1 : -1);
 }
 
 int32_t RecordSession::lookAtScreen() {
   const int32_t found = screen_->dispatch();
-  if (found == -1) {
-    problem_ = screen_->problem();
-    return errno == EPIPE ? 0 : -1;
-  }
+  if (found == -1) return failScreen();
   damaged_ = found == 1;
   return screen_->size() == size_ ? 1 : changeSize();
 }
 
+// What was recorded with the size before is completed first.
 int32_t RecordSession::changeSize() {
-  if (started_ && endFile(now()) == -1) return -1;
+  const Time time = started_ ? now() : Time{};
+  if (acquired_ && session_.release(kStream, picture_) == -1) return fail(session_.errorText());
+  acquired_ = false;
+  if (started_ && (takeFrames(-1) == -1 || endFile(time) == -1)) return -1;
+  const bool added = session_.settings(kStream) != nullptr;
   size_ = screen_->size();
-  if (encoder_.resize(size_.width, size_.height, picture_) == -1) return fail(encoder_.problem());
-  return output_->setSize(size_.width, size_.height, started_ ? now() : Time{}) == 1
-             ? 1
-             : fail(output_->problem());
+  const int32_t set = added ? session_.resize(kStream, size_.width, size_.height)
+                            : session_.addStream({.id = kStream,
+                                                  .width = size_.width,
+                                                  .height = size_.height,
+                                                  .bitrate = options_.bitrate,
+                                                  .quality = options_.quality,
+                                                  .threads = options_.threads});
+  if (set == -1) return fail(session_.errorText());
+  changed_.resize(size_.width, size_.height);
+  first_ = true;
+  lastPicture_ = -1;
+  const auto settled = output_->setSize(size_.width, size_.height, time);
+  return settled == 1 ? 1 : fail(output_->problem());
+}
+
+// A picture that turned out to be as before stays acquired. 0: the service reads all that there
+// are.
+int32_t RecordSession::acquirePicture() {
+  if (acquired_) return 1;
+  const int32_t acquired = session_.acquire(kStream, picture_, true);
+  if (acquired == -1) return fail(session_.errorText());
+  acquired_ = acquired == 1;
+  if (acquired_ && first_) fillBlack(picture_);
+  return acquired;
 }
 
 int32_t RecordSession::capture() {
-  if (!started_) start_ = Clock::now();
-  started_ = true;
   const Time time = now();
-  const int32_t read = picture_.update(*screen_);
-  if (read == -1) {
-    problem_ = screen_->problem();
-    return errno == EPIPE ? 0 : -1;
-  }
+  const int32_t read = reader_.read(*screen_, picture_, changed_);
+  if (read == -1) return failScreen();
   damaged_ = false;
   if (read == 0) return 1;
-  captured_ = time;
-  return encode(time);
+  if (session_.refineChanges(kStream, picture_, changed_) == -1) return fail(session_.errorText());
+  if (changed_.isEmpty()) return 1;
+  // A timer that woke us a little late must not make the rate lower than it was asked for.
+  const Time late = time - nextPicture_;
+  nextPicture_ = time + interval_ - (late < interval_ / 4 ? late : Time{});
+  return give();
 }
 
-int32_t RecordSession::encode(Time time) {
-  const int32_t encoded = encoder_.encode(time, picture_, wantsKeyFrame(time), frame_, wakeAt_);
-  if (encoded == -1) return fail(encoder_.problem());
-  if (encoded == 0) return 1;
-  scheduleNext(time);
-  if (frame_.reply.fields.keyFrame != 0) lastKey_ = time;
-  return write(time);
-}
-
-int32_t RecordSession::write(Time time) {
-  const RecordedFrame recorded{.time = time,
-                               .keyFrame = frame_.reply.fields.keyFrame != 0,
-                               .accessUnit = frame_.reply.frame,
-                               .copies = frame_.copies};
-  if (output_->write(recorded) == -1) return fail(output_->problem());
-  ++frames_;
-  bytes_ += static_cast<int64_t>(frame_.reply.frame.size());
-  macroblocks_ += picture_.changed().columns() * picture_.changed().rows();
-  changed_ += frame_.changed;
-  moved_ += frame_.moved;
-  showProgress();
+int32_t RecordSession::give() {
+  if (!started_) {
+    started_ = true;
+    start_ = Clock::now();
+    nextPicture_ = interval_;
+  }
+  findMoves();
+  if (wantsKeyFrame() && session_.requestKeyFrame(kStream) == -1) return fail(session_.errorText());
+  if (session_.encodeDamage(kStream, picture_, changed_, moves_.copies) == -1) {
+    return fail(session_.errorText());
+  }
+  acquired_ = first_ = false;
+  changed_.clear();
   return 1;
 }
 
-// A timer that woke us a little late must not make the rate lower than it was asked for.
-void RecordSession::scheduleNext(Time time) {
-  const Time late = time - nextFrame_;
-  nextFrame_ = time + interval_ - (late < interval_ / 4 ? late : Time{});
+void RecordSession::findMoves() {
+  moves_.copies.clear();
+  client::Picture before;
+  if (options_.moves == 0 || !output_->takesCopies()) return;
+  if (session_.present(kStream, before) != 1) return;
+  detector_.find(before, picture_, changed_, nullptr, moves_);
 }
 
-bool RecordSession::wantsKeyFrame(Time time) const {
+bool RecordSession::wantsKeyFrame() const {
   const int32_t standard = output_->isSeekable() ? kDefaultKeyInterval : 0;
   const int32_t seconds = options_.keyInterval == -1 ? standard : options_.keyInterval;
-  return seconds > 0 && frames_ > 0 && !picture_.changed().isEmpty() &&
-         time - lastKey_ >= std::chrono::seconds(seconds);
+  return seconds > 0 && frames_ > 0 && now() - lastKey_ >= std::chrono::seconds(seconds);
+}
+
+// Writes what is coded: what there is for a timeout of 0, all that is under way for -1.
+int32_t RecordSession::takeFrames(int32_t timeout) {
+  for (;;) {
+    const int32_t taken = session_.readFrame(frame_, timeout);
+    if (taken == 0) return 1;
+    if (taken == -1 && restartService() == -1) return -1;
+    if (taken == 1 && writeFrame(timeOfFrame()) == -1) return -1;
+  }
+}
+
+// One that gave no frame since its start would not give one after another.
+int32_t RecordSession::restartService() {
+  const std::string reason = session_.errorText();
+  if (framesSinceStart_ == 0) return fail(reason);
+  framesSinceStart_ = 0;
+  return session_.restart() == 1 ? 1 : fail(session_.errorText());
+}
+
+// When the screen looked so; of a picture that was only sharpened, when that began.
+RecordSession::Time RecordSession::timeOfFrame() {
+  const bool isNew = frame_.picture != lastPicture_;
+  lastPicture_ = frame_.picture;
+  const Time given =
+      frame_.pictureTime - std::chrono::duration_cast<Time>(start_.time_since_epoch());
+  return std::max(isNew ? given : now() - frame_.roundTrip, lastFrame_ + Time{1000});
+}
+
+int32_t RecordSession::writeFrame(Time time) {
+  const RecordedFrame recorded{.time = time,
+                               .keyFrame = frame_.keyFrame,
+                               .accessUnit = frame_.bytes,
+                               .copies = frame_.copies};
+  if (output_->write(recorded) == -1) return fail(output_->problem());
+  lastFrame_ = time;
+  if (frame_.keyFrame) lastKey_ = time;
+  ++framesSinceStart_;
+  ++frames_;
+  bytes_ += static_cast<int64_t>(frame_.bytes.size());
+  encodeSeconds_ += frame_.encodeMilliseconds / 1000.0;
+  macroblocks_ += changed_.columns() * changed_.rows();
+  changedCount_ += macroblocksIn(frame_.rectangles);
+  movedCount_ += macroblocksIn(frame_.copies);
+  return 1;
 }
 
 // When there is something to do even if nothing happens.
 RecordSession::Time RecordSession::wakeTime() const {
-  Time wake = output_->flushDue();
-  if (damaged_) wake = std::min(wake, nextFrame_);
-  if (wakeAt_ != Time::max()) wake = std::min(wake, std::max(wakeAt_, nextFrame_));
+  const Time time = now();
+  const auto earlier = [time](Time wake, int32_t milliseconds) {
+    return milliseconds == -1
+               ? wake
+               : std::min<Time>(wake, time + std::chrono::milliseconds(milliseconds));
+  };
+  Time wake = earlier(output_->flushDue(), session_.timeout());
   if (options_.duration.count() > 0) wake = std::min<Time>(wake, options_.duration);
-  if (progress_.isShown()) wake = std::min(wake, now() + kProgressInterval);
-  return wake;
+  if (progress_.isShown()) wake = std::min(wake, time + kProgressInterval);
+  return time < nextPicture_ ? std::min(wake, nextPicture_) : earlier(wake, screen_->nextLook());
 }
 
 int32_t RecordSession::wait() {
   showProgress();
-  const Time time = now();
-  // Until the next frame may be made, nothing that the screen says is of use.
-  const bool resting = time < nextFrame_;
-  Time wake = wakeTime();
-  if (resting) wake = std::min(wake, nextFrame_);
-  const int32_t look = screen_->nextLook();
-  if (!resting && look != -1) wake = std::min<Time>(wake, time + std::chrono::milliseconds(look));
+  // Until the next picture may be made, or while there is none to draw into, nothing that the
+  // screen says is of use.
+  const bool resting = now() < nextPicture_ || (damaged_ && session_.framesInFlight() > 0);
+  const Time wake = wakeTime();
   pollfd waits[] = {{interruptDescriptor(), POLLIN, 0},
+                    {session_.replyDescriptor(), POLLIN, 0},
                     {resting ? -1 : screen_->descriptor(), POLLIN, 0}};
-  const auto left =
-      std::chrono::duration_cast<std::chrono::nanoseconds>(std::max(wake - time, Time{0}));
-  const timespec timeout{.tv_sec = left.count() / 1'000'000'000,
-                         .tv_nsec = left.count() % 1'000'000'000};
-  if (::ppoll(waits, std::size(waits), wake == Time::max() ? nullptr : &timeout, nullptr) == -1 &&
-      errno != EINTR) {
-    return fail(std::string("waiting: ") + errorText(errno));
-  }
+  const auto left = std::max(wake - now(), Time{0}).count();
+  const timespec timeout{.tv_sec = left / 1'000'000, .tv_nsec = left % 1'000'000 * 1000};
+  const int ready =
+      ::ppoll(waits, std::size(waits), wake == Time::max() ? nullptr : &timeout, nullptr);
+  if (ready == -1 && errno != EINTR) return fail(std::string("waiting: ") + errorText(errno));
   return 1;
 }
 
 // The last picture stands until the end.
 int32_t RecordSession::endFile(Time end) {
   if (!output_->endsBefore(end)) return 1;
-  if (encoder_.encodeNothing(end, picture_, frame_) == -1) return fail(encoder_.problem());
-  return write(end);
+  const int32_t repeated = session_.repeat(kStream);
+  if (repeated == -1) return fail(session_.errorText());
+  return takeFrames(-1);
 }
 
 int32_t RecordSession::finish() {
   const Time limit = options_.duration.count() > 0 ? Time(options_.duration) : Time::max();
-  const Time end = std::min(now(), limit);
-  if (started_ && endFile(end) == -1) return -1;
+  const Time end = std::max(std::min(now(), limit), lastFrame_);
+  if (started_ && (takeFrames(-1) == -1 || endFile(end) == -1)) return -1;
   if (output_->close(end) == -1) return fail(output_->problem());
-  return encoder_.stop() == -1 ? fail(encoder_.problem()) : 1;
+  return session_.stop() == -1 ? fail(session_.errorText()) : 1;
 }
 
 RecordFigures RecordSession::figures() const {
   const double seconds = std::chrono::duration<double>(now()).count();
+  // The service's share is known when it has ended; until then, the time that it encoded.
+  const double used =
+      processorSeconds(RUSAGE_SELF) + std::max(processorSeconds(RUSAGE_CHILDREN), encodeSeconds_);
   const double all = static_cast<double>(std::max<int64_t>(macroblocks_, 1));
-  const uint8_t quantizer = frame_.reply.fields.quantizer;
   return {.seconds = seconds,
           .frames = frames_,
           .bytes = bytes_,
-          .quantizer = quantizer == service::kUnknownQuantizer ? -1 : quantizer,
-          .changedPercent = 100 * static_cast<double>(changed_) / all,
-          .movedPercent = 100 * static_cast<double>(moved_) / all,
-          .processorPercent = 100 * processorSeconds() / std::max(seconds, 0.001)};
+          .quantizer = frame_.quantizer,
+          .changedPercent = 100 * static_cast<double>(changedCount_) / all,
+          .movedPercent = 100 * static_cast<double>(movedCount_) / all,
+          .processorPercent = 100 * used / std::max(seconds, 0.001)};
 }
 
 void RecordSession::showProgress() {

@@ -1,8 +1,9 @@
 // qora/tools/record_session.h -- One run of qora-record: a live screen into a file.
 //
-// A loop of one thread, which sleeps until the screen was drawn on, something is to be sharpened, a
-// file's piece is complete, or somebody wants it to stop. After a frame it looks at the screen
-// again only when the next one may be made: what is drawn meanwhile adds up on the other side.
+// A loop of one thread, which sleeps until the screen was drawn on, a frame is coded, something is
+// to be sharpened, a file's piece is complete, or somebody wants it to stop. After a picture it
+// looks at the screen again only when the next one may be made: what is drawn meanwhile adds up on
+// the other side.
 #pragma once
 
 #include <chrono>
@@ -11,11 +12,12 @@
 #include <string>
 
 #include "qora/capture/screen.h"
-#include "qora/tools/live_encoder.h"
-#include "qora/tools/live_picture.h"
+#include "qora/client/move_detector.h"
+#include "qora/client/screen_session.h"
 #include "qora/tools/progress.h"
 #include "qora/tools/record_options.h"
 #include "qora/tools/record_output.h"
+#include "qora/tools/screen_reader.h"
 
 namespace qora::tools {
 
@@ -47,46 +49,60 @@ class RecordSession {
   using Time = std::chrono::microseconds;
 
   int32_t fail(const std::string& problem);
+  int32_t failScreen();
   int32_t open();
-  int32_t startEncoder();
+  int32_t startService();
   int32_t record();
   int32_t step();
   int32_t lookAtScreen();
   int32_t changeSize();
+  int32_t acquirePicture();
   int32_t capture();
-  int32_t encode(Time time);
-  int32_t write(Time time);
+  int32_t give();
+  void findMoves();
+  int32_t takeFrames(int32_t timeout);
+  int32_t restartService();
+  int32_t writeFrame(Time time);
+  Time timeOfFrame();
   int32_t finish();
   int32_t endFile(Time end);
-  bool wantsKeyFrame(Time time) const;
+  bool wantsKeyFrame() const;
   Time wakeTime() const;
   int32_t wait();
-  void scheduleNext(Time time);
   Time now() const;
   RecordFigures figures() const;
   void showProgress();
 
   const RecordOptions options_;
-  const Time interval_;  // between frames, at least
+  const Time interval_;  // between pictures, at least
   std::unique_ptr<RecordOutput> output_;
   std::unique_ptr<capture::Screen> screen_;
-  LivePicture picture_;  // after what it is in
-  LiveEncoder encoder_;
-  LiveFrame frame_;
+  client::ScreenSession session_;
+  ScreenReader reader_;
+  client::MoveDetector detector_;
+  client::Moves moves_;
+  client::CodedFrame frame_;
   ProgressLine progress_;
+
   capture::ScreenSize size_{0, 0};
-  Clock::time_point start_;  // of the recording: its first picture
+  client::Picture picture_{};  // being filled, of the session
+  bool acquired_ = false;      // there is one
+  client::Damage changed_;     // in it
+  bool first_ = true;          // of its size
+  Clock::time_point start_;    // of the recording: its first picture
   bool started_ = false;
-  bool damaged_ = false;       // the screen has something to read
-  Time nextFrame_{};           // not before
-  Time captured_{};            // when the picture was read last
-  Time wakeAt_ = Time::max();  // when there is something to sharpen
+  bool damaged_ = false;      // the screen has something to read
+  Time nextPicture_{};        // not before
+  Time lastFrame_{-1};        // time of the frame written last
+  int64_t lastPicture_ = -1;  // that it shows
   Time lastKey_{};
+  int32_t framesSinceStart_ = 0;  // of the service
   int64_t frames_ = 0;
   int64_t bytes_ = 0;
-  int64_t macroblocks_ = 0;  // summed over the frames: all, changed, moved
-  int64_t changed_ = 0;
-  int64_t moved_ = 0;
+  int64_t macroblocks_ = 0;  // summed over the frames: all, changed, copied
+  int64_t changedCount_ = 0;
+  int64_t movedCount_ = 0;
+  double encodeSeconds_ = 0;
   std::string problem_;
 };
 
