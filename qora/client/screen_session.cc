@@ -67,8 +67,9 @@ int32_t ScreenSession::restart() {
   startAnew();
   if (client_.start(options_.service) == -1) {
     const int error = errno;
-    return refuse(error, "cannot start the service " + options_.service.servicePath + ": " +
-                             qora::errorText(error));
+    std::string what = options_.service.servicePath;
+    if (!options_.service.sandboxPath.empty()) what += " with " + options_.service.sandboxPath;
+    return refuse(error, "cannot start the service " + what + ": " + qora::errorText(error));
   }
   isUp_ = true;
   for (const Slot& slot : streams_) {

@@ -2,7 +2,7 @@
 
 #include <vector>
 
-#include "qora/client/codec_client.h"
+#include "qora/client/quality_control.h"
 #include "qora/tools/numbers.h"
 #include "qora/tools/option_table.h"
 
@@ -32,6 +32,12 @@ OptionTable tableFor(EncodeOptions& options) {
                 "average bitrate at the clip's frame rate, 1 to 65535\n"
                 "(default: constant quality)"},
                1, 65535);
+  table.number(options.quality,
+               {"quality", 0, "OFFSET",
+                "quantizer offset of all that changes, -12 to 44 (default 0);\n"
+                "with --bitrate the rate is held by coarser offsets, still parts\n"
+                "end at this one, and pictures without room repeat the one before"},
+               client::kFinestOffset, client::kCoarsestOffset);
   table.number(options.qpMin,
                {"qp-min", 0, "N", "lowest quantizer with --bitrate, 0 to 51 (default 0)"}, 0, 51);
   table.number(options.qpMax,

@@ -11,8 +11,11 @@ struct EncodeOptions {
   std::string output;  // of stream 0, see outputPath()
   int32_t width = 0;   // of a raw clip; 0: the clip is Y4M
   int32_t height = 0;
-  int32_t bitrate = 0;  // kbit/s at the clip's rate; 0: constant quality
-  int32_t qpMin = 0;    // quantizer limits, used with a bitrate
+  static constexpr int32_t kNoQuality = INT32_MIN;
+  int32_t bitrate = 0;           // kbit/s at the clip's rate; 0: constant quality
+  int32_t quality = kNoQuality;  // the quantizer offset; with a bitrate: the one that still parts
+                                 // end at. Without it the encoder holds the bitrate itself
+  int32_t qpMin = 0;             // quantizer limits of the encoder's own bitrate
   int32_t qpMax = 51;
   int32_t threads = 0;  // 0: the encoder decides
   int32_t streams = 1;  // how often the clip is encoded, side by side

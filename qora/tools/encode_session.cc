@@ -5,22 +5,27 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <limits>
 
-#include "qora/base/error_text.h"
 #include "qora/tools/interrupt.h"
 #include "qora/tools/service_paths.h"
 
 namespace qora::tools {
 namespace {
 
-constexpr int32_t kCells = 2;  // the picture and its predecessor
 constexpr int64_t kEncoderRate = 25;
-constexpr int32_t kNotYet = 2;  // results of loading a picture: it is not there yet,
-constexpr int32_t kStill = 3;   // and nothing changed in it
 
 double frameRate(const ClipFormat& format) {
   return static_cast<double>(format.rateNumerator) / format.rateDenominator;
+}
+
+// Between pictures of one size in cells of one layout, the bytes between rows included.
+void copyPicture(const client::Picture& from, const client::Picture& to) {
+  for (int32_t plane = 0; plane < 3; ++plane) {
+    const auto rows = static_cast<size_t>(planeHeight(from, plane));
+    std::memcpy(to.plane[plane], from.plane[plane], rows * static_cast<size_t>(from.stride[plane]));
+  }
 }
 
 }  // namespace
@@ -31,38 +36,36 @@ int64_t nominalBitrate(int32_t bitrate, const ClipFormat& format) {
   return std::max<int64_t>(rounded, 1);
 }
 
+std::chrono::microseconds pictureTime(int64_t number, const ClipFormat& format) {
+  const double seconds = static_cast<double>(number) / frameRate(format);
+  return std::chrono::microseconds(static_cast<int64_t>(seconds * 1e6));
+}
+
 EncodeSession::EncodeSession(const EncodeOptions& options)
-    : options_(options), progress_(!options.quiet && ::isatty(STDERR_FILENO) == 1) {}
+    : options_(options),
+      outputs_(options_),
+      progress_(!options.quiet && ::isatty(STDERR_FILENO) == 1) {}
 
 int32_t EncodeSession::fail(const std::string& problem) {
   problem_ = problem;
   return -1;
 }
 
-// A call of the client failed.
-int32_t EncodeSession::failService() {
-  const int error = errno;
-  return fail(client_.endText().empty() ? std::string("talking to the service: ") + errorText(error)
-                                        : client_.endText());
-}
-
 int32_t EncodeSession::run() {
-  if (openClip() == -1 || findEncoder() == -1) return -1;
-  const ClipFormat& format = clip_.format();
-  if (segment_.create(format.width, format.height, kCells) == -1) {
-    return fail(std::string("no shared memory for two pictures: ") + errorText(errno));
-  }
-  const int32_t first = clip_.read(segment_.picture(otherCell()));
-  if (first == -1) return fail(clip_.problem());
-  if (first == 0) return fail(options_.input + ": the clip has no frame");
-  loaded_ = 1;
+  if (openClip() == -1 || findEncoder() == -1 || addStreams() == -1) return -1;
+  const Loaded first = loadPicture();
+  if (first == Loaded::end) return fail(options_.input + ": the clip has no frame");
+  if (first == Loaded::failed) return -1;
   // The outputs come late: a clip or a service that cannot be had leaves an earlier result alone.
-  if (startService() == -1 || openOutputs() == -1 || addStreams() == -1) return -1;
+  if (startService() == -1) return -1;
+  if (outputs_.open(clip_) == -1) return fail(outputs_.problem());
 
   start_ = Clock::now();
   const int32_t encoded = encodeClip();
   progress_.clear();
-  if (encoded == -1 || stopService() == -1 || closeOutputs() == -1) return -1;
+  if (encoded == -1) return -1;
+  if (session_.stop() == -1) return fail(session_.errorText());
+  if (outputs_.close() == -1) return fail(outputs_.problem());
   if (!options_.quiet) printSummary();
   return 1;
 }
@@ -72,11 +75,8 @@ int32_t EncodeSession::openClip() {
   if (clip_.open(options_.input, options_.width == 0 ? nullptr : &raw) == -1) {
     return fail(clip_.problem());
   }
-  const ClipFormat& format = clip_.format();
-  const int32_t columns = (format.width + client::kMacroblockSize - 1) / client::kMacroblockSize;
-  const int32_t rows = (format.height + client::kMacroblockSize - 1) / client::kMacroblockSize;
-  macroblocks_ = columns * rows;
-  if (nominalBitrate(options_.bitrate, format) > std::numeric_limits<uint16_t>::max()) {
+  if (options_.quality == EncodeOptions::kNoQuality &&
+      nominalBitrate(options_.bitrate, clip_.format()) > std::numeric_limits<uint16_t>::max()) {
     return fail("--bitrate is too high for a clip of so few frames a second");
   }
   return 1;
@@ -88,185 +88,124 @@ int32_t EncodeSession::findEncoder() {
   return completePaths(service_, codecRoot_, problem_);
 }
 
-int32_t EncodeSession::openFile(const std::string& path, File& file) {
-  if (clip_.reads(path)) return fail(path + ": would overwrite the input");
-  file.reset(std::fopen(path.c_str(), "wb"));
-  return file != nullptr ? 1 : fail(path + ": " + errorText(errno));
-}
-
-int32_t EncodeSession::openOutputs() {
-  for (int32_t stream = 0; stream < options_.streams; ++stream) {
-    if (openFile(outputPath(options_.output, stream), outputs_.emplace_back()) == -1) return -1;
+int32_t EncodeSession::addStreams() {
+  const ClipFormat& format = clip_.format();
+  client::StreamSettings settings{.width = format.width,
+                                  .height = format.height,
+                                  .bitrate = options_.bitrate,
+                                  .quality = options_.quality,
+                                  .lowestQuantizer = options_.qpMin,
+                                  .highestQuantizer = options_.qpMax,
+                                  .threads = options_.threads};
+  if (options_.quality == EncodeOptions::kNoQuality) {
+    settings.quality = 0;
+    if (options_.bitrate > 0) {
+      settings.rateControl = client::RateControl::encoder;
+      settings.bitrate = static_cast<int32_t>(nominalBitrate(options_.bitrate, format));
+    }
   }
-  if (options_.stats.empty()) return 1;
-  if (openFile(options_.stats, stats_) == -1) return -1;
-  std::fprintf(stats_.get(),
-               "%sframe,type,bytes,quantizer,encode_ms,round_trip_ms,changed_macroblocks\n",
-               options_.streams > 1 ? "stream," : "");
+  for (settings.id = 0; settings.id < options_.streams; ++settings.id) {
+    if (session_.addStream(settings) == -1) return fail(session_.errorText());
+  }
   return 1;
 }
 
 int32_t EncodeSession::startService() {
   ignoreInterrupts();
   const std::string sandbox = options_.sandbox ? sandboxBeside(service_) : "";
-  const int32_t started =
-      client_.start({.servicePath = service_, .codecRoot = codecRoot_, .sandboxPath = sandbox});
-  const int error = errno;
+  const int32_t started = session_.start({
+      .service = {.servicePath = service_, .codecRoot = codecRoot_, .sandboxPath = sandbox},
+      .clock = [this] { return clipTime_; },
+  });
   noteInterrupts();
-  if (started == -1) {
-    const std::string what = options_.sandbox ? service_ + " with " + sandbox : service_;
-    return fail("cannot start the service " + what + ": " + errorText(error));
-  }
-  return client_.attachSegment(segment_.id()) == -1 ? failService() : 1;
+  return started == -1 ? fail(session_.errorText()) : 1;
 }
 
-int32_t EncodeSession::addStreams() {
-  const ClipFormat& format = clip_.format();
-  service::AddStreamRequest request{.flags = service::kAnnexBFlag,
-                                    .streamId = 0,
-                                    .threads = static_cast<uint8_t>(options_.threads),
-                                    .bitrate = 0,
-                                    .qpMin = static_cast<uint8_t>(options_.qpMin),
-                                    .qpMax = static_cast<uint8_t>(options_.qpMax),
-                                    .width = static_cast<uint16_t>(format.width),
-                                    .height = static_cast<uint16_t>(format.height)};
-  if (options_.bitrate > 0) {
-    request.bitrate = static_cast<uint16_t>(nominalBitrate(options_.bitrate, format));
-  }
-  for (int32_t stream = 0; stream < options_.streams; ++stream) {
-    request.streamId = static_cast<uint8_t>(stream);
-    if (client_.addStream(request) == -1) return failService();
-  }
-  return 1;
-}
-
-// The first picture is in its cell already. While the service encodes one, the next that differs is
-// read and searched, as far as it is there: waiting for it would keep back a live clip's replies.
+// The first picture is loaded already. While the service encodes one, the next to be encoded is
+// read and searched, as far as it is there: waiting for it would keep back a live clip's frames.
 int32_t EncodeSession::encodeClip() {
-  int32_t changed = findChanges();
-  while (sendFrame(changed) == 1) {
-    int32_t next = kNotYet;
-    while (next == kNotYet || next == kStill) {
-      const bool idle = client_.pendingReplies() == 0;
-      next = idle || clip_.hasInput() ? loadPicture(changed) : kNotYet;
-      if (takeReplies(next == kStill ? 0 : -1) == -1) return -1;
+  while (sendPicture() == 1) {
+    Loaded next = Loaded::notYet;
+    while (next == Loaded::notYet || next == Loaded::skipped) {
+      const bool idle = session_.framesInFlight() == 0;
+      next = idle || clip_.hasInput() ? loadPicture() : Loaded::notYet;
+      if (takeFrames(next == Loaded::skipped ? 0 : -1) == -1) return -1;
       progress_.update(figures());
     }
-    if (next == 0) return 1;
-    if (next == -1) return failLoading();
+    if (next == Loaded::end) return 1;
+    if (next == Loaded::failed) return -1;
   }
   return -1;
 }
 
-// The next picture, into the cell that the service does not look at. 1, kStill for one that is not
-// to be encoded, 0 at the clip's end, or -1.
-int32_t EncodeSession::loadPicture(int32_t& changed) {
-  if (loaded_ == options_.frames) return 0;
-  const int32_t loaded = wasInterrupted() ? -1 : clip_.read(segment_.picture(otherCell()));
-  if (loaded != 1) return loaded;
+EncodeSession::Loaded EncodeSession::loadPicture() {
+  if (options_.frames > 0 && loaded_ == options_.frames) return Loaded::end;
+  if (loading_.plane[0] == nullptr && session_.acquire(0, loading_) != 1) {
+    fail(session_.errorText());
+    return Loaded::failed;
+  }
+  const int32_t loaded = wasInterrupted() ? -1 : clip_.read(loading_);
+  if (loaded == 0) return Loaded::end;
+  if (loaded == -1) {
+    fail(wasInterrupted() ? "interrupted after " + std::to_string(frames_) + " frames"
+                          : clip_.problem());
+    return Loaded::failed;
+  }
   ++loaded_;
-  const int32_t difference = findChanges();
-  if (difference == 0 && options_.skipUnchanged) {
-    ++still_;
-    return kStill;
-  }
-  changed = difference;
-  return 1;
-}
-
-int32_t EncodeSession::failLoading() {
-  if (wasInterrupted()) {
-    return fail("interrupted after " + std::to_string(frames_) + " frames");
-  }
-  return fail(clip_.problem());
-}
-
-// What changed in the picture that was loaded last: fills changes_.list with what to send; returns
-// the number of changed macroblocks.
-int32_t EncodeSession::findChanges() {
-  const client::Picture picture = segment_.picture(otherCell());
-  if (loaded_ == 1 || options_.noRectangles) {
-    changes_.list.assign(1, client::wholePicture(picture.width, picture.height));
-    return macroblocks_;
-  }
-  const int32_t changed = client::findChangedRectangles(segment_.picture(cell_), picture,
-                                                        client::maxRectangles(0), changes_);
-  if (changes_.list.empty()) changes_.list.push_back(client::nothingChanged());
-  return changed;
+  const int32_t changed = session_.findChanges(0, loading_, changes_);
+  // A rate that is held sharpens still pictures: the session decides then.
+  const bool isHeld = options_.quality != EncodeOptions::kNoQuality && options_.bitrate > 0;
+  if (changed > 0 || !options_.skipUnchanged || isHeld) return Loaded::picture;
+  ++still_;
+  return Loaded::skipped;
 }
 
 // The picture that was loaded last becomes the service's.
-int32_t EncodeSession::sendFrame(int32_t changed) {
-  cell_ = otherCell();
-  changedInWork_ = changed;
-  service::EncodeRequest request{};
-  segment_.place(cell_, request);
+int32_t EncodeSession::sendPicture() {
+  clipTime_ = pictureTime(loaded_ - 1, clip_.format());
+  if (options_.noRectangles) changes_.addAll();
+  changedInWork_ = changes_.count();
+  isInWork_ = isSkipped_ = true;
+  const client::Picture picture = loading_;
+  loading_ = {};
   for (int32_t stream = 0; stream < options_.streams; ++stream) {
-    request.streamId = static_cast<uint8_t>(stream);
-    if (client_.encode(request, changes_.list, {}) == -1) return failService();
+    if (sendTo(stream, picture) == -1) return fail(session_.errorText());
   }
   return 1;
 }
 
+// The picture is that of stream 0; the others get copies, while the service reads it too.
+int32_t EncodeSession::sendTo(int32_t stream, const client::Picture& picture) {
+  client::Picture own = picture;
+  if (stream > 0) {
+    if (session_.acquire(stream, own) != 1) return -1;
+    copyPicture(picture, own);
+  }
+  const int32_t sent = session_.encodeDamage(stream, own, changes_);
+  if (sent != 0 || options_.skipUnchanged) return sent;
+  return session_.repeat(stream);  // a file has one frame for each of the clip's
+}
+
 // 1, or 0 when they are not all there in time.
-int32_t EncodeSession::takeReplies(int32_t timeout) {
-  while (client_.pendingReplies() > 0) {
-    const int32_t taken = takeReply(timeout);
-    if (taken != 1) return taken;
-    if (client_.pendingReplies() > 0) continue;
-    changed_ += changedInWork_;
+int32_t EncodeSession::takeFrames(int32_t timeout) {
+  int32_t taken;
+  while ((taken = session_.readFrame(frame_, timeout)) == 1) {
+    bytes_ += static_cast<int64_t>(frame_.bytes.size());
+    isSkipped_ = false;
+    if (outputs_.write(frame_, frames_, changedInWork_) == -1) return fail(outputs_.problem());
+  }
+  if (taken == -1) return fail(session_.errorText());
+  if (session_.framesInFlight() > 0) return 0;
+  if (isInWork_) {
     ++frames_;
+    changed_ += changedInWork_;
+    skipped_ += isSkipped_ ? 1 : 0;
+    isInWork_ = false;
   }
   frames_ += still_;
   skipped_ += still_;
   still_ = 0;
   return 1;
-}
-
-int32_t EncodeSession::takeReply(int32_t timeout) {
-  const int32_t taken = client_.readReply(reply_, timeout);
-  if (taken != 1) return taken == 0 ? 0 : failService();
-  const int32_t stream = reply_.streamId;
-  FILE* output = outputs_[static_cast<size_t>(stream)].get();
-  if (std::fwrite(reply_.frame.data(), 1, reply_.frame.size(), output) != reply_.frame.size()) {
-    return fail(outputPath(options_.output, stream) + ": " + errorText(errno));
-  }
-  bytes_ += static_cast<int64_t>(reply_.frame.size());
-  if (stats_ == nullptr) return 1;
-
-  const service::ReplyFields& fields = reply_.fields;
-  if (options_.streams > 1) std::fprintf(stats_.get(), "%d,", stream);
-  std::fprintf(stats_.get(), "%lld,%s,%u,", static_cast<long long>(frames_),
-               fields.keyFrame != 0 ? "I" : "P", fields.frameSize);
-  if (fields.quantizer != service::kUnknownQuantizer) {
-    std::fprintf(stats_.get(), "%d", fields.quantizer);
-  }
-  std::fprintf(stats_.get(), ",%u,%.3f,%d\n", client::encodeMilliseconds(fields),
-               static_cast<double>(reply_.roundTrip.count()) / 1000, changedInWork_);
-  return 1;
-}
-
-int32_t EncodeSession::stopService() {
-  for (int32_t stream = 0; stream < options_.streams; ++stream) {
-    if (client_.removeStream(static_cast<uint8_t>(stream)) == -1) return failService();
-  }
-  if (client_.removeSegment(segment_.id()) == -1) return failService();
-  return client_.stop() == 1 ? 1 : fail(client_.endText());
-}
-
-// What is still in a buffer meets a full disk here.
-int32_t EncodeSession::closeFile(File& file, const std::string& path) {
-  const bool failed = std::ferror(file.get()) != 0;
-  if (std::fclose(file.release()) != 0 || failed) return fail(path + ": " + errorText(errno));
-  return 1;
-}
-
-int32_t EncodeSession::closeOutputs() {
-  for (int32_t stream = 0; stream < options_.streams; ++stream) {
-    File& output = outputs_[static_cast<size_t>(stream)];
-    if (closeFile(output, outputPath(options_.output, stream)) == -1) return -1;
-  }
-  return stats_ == nullptr ? 1 : closeFile(stats_, options_.stats);
 }
 
 ProgressFigures EncodeSession::figures() const {
@@ -282,8 +221,9 @@ ProgressFigures EncodeSession::figures() const {
 void EncodeSession::printSummary() const {
   ProgressFigures done = figures();
   done.total = -1;
-  const double share = 100.0 * static_cast<double>(changed_) /
-                       (static_cast<double>(macroblocks_) * static_cast<double>(frames_));
+  const double cells = static_cast<double>(changes_.columns()) * changes_.rows();
+  const double share =
+      100.0 * static_cast<double>(changed_) / (cells * static_cast<double>(frames_));
   const std::string streams =
       options_.streams > 1 ? ", " + std::to_string(options_.streams) + " streams" : "";
   const std::string skipped =

@@ -6,9 +6,9 @@
 
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <regex>
 
-#include "tests/support/table.h"
 #include "tests/support/temporary_root.h"
 
 namespace qora::test {
@@ -58,6 +58,53 @@ class QoraEncodeTest : public testing::Test {
   pid_t tool_ = -1;
 };
 
+// Files: their content, or how many bytes of the good clip.
+constexpr std::tuple<const char*, const char*, size_t> kClips[] = {
+    {"clip", nullptr, 9999},
+    {"cut", nullptr, 6900},
+    {"torn", nullptr, 2350},
+    {"empty", "", 0},
+    {"text", "hi", 0},
+    {"open", "YUV4MPEG2 W48 H32", 0},
+    {"bare", "YUV4MPEG2 W48 H32\n", 0},
+    {"lost", "YUV4MPEG2 W48 H32\nFRAMES\n", 0},
+    {"deep", "YUV4MPEG2 W48 H32 C420p10\nFRAME\n", 0},
+    {"full", "YUV4MPEG2 W48 H32 C444\nFRAME\n", 0},
+    {"odd", "YUV4MPEG2 W47 H32\nFRAME\n", 0},
+};
+
+// Arguments, and the status and the one line that they give.
+constexpr std::pair<const char*, std::string_view> kBadInputs[] = {
+    {"none -o out", "1 none: No such file or directory"},
+    {". -o out", "1 .: Is a directory"},
+    {"- -o out", "1 standard input: the input is empty"},
+    {"empty -o out", "1 empty: the input is empty"},
+    {"text -o out", "1 text: not a Y4M clip; a raw I420 one needs --size"},
+    {"open -o out", "1 open: the Y4M header has no end"},
+    {"deep -o out", "1 deep: only 8-bit 4:2:0 can be encoded, not colour format 'C420p10'"},
+    {"full -o out", "1 full: only 8-bit 4:2:0 can be encoded, not colour format 'C444'"},
+    {"odd -o out", "1 odd: 4:2:0 needs an even width and height, not 47x32"},
+    {"bare -o out", "1 bare: the clip has no frame"},
+    {"lost -o out", "1 lost: frame 0 does not begin with FRAME"},
+    {"cut -o out", "1 cut: frame 2 is cut off"},
+    {"torn -o out", "1 torn: frame 1 is cut off"},
+    {"text -o out --size 48x32", "1 text: frame 0 is cut off"},
+    {"clip -o clip", "1 clip: would overwrite the input"},
+    {"clip -o out --stats clip", "1 clip: would overwrite the input"},
+    {"clip -o no/out", "1 no/out: No such file or directory"},
+    {"clip -o /dev/full", "1 /dev/full: No space left on device"},
+    {"clip -o out --stats /dev/full", "1 /dev/full: No space left on device"},
+    {"clip -o out --codec-root /etc",
+     "1 no encoder library in codec root '/etc': neither lib/libx264.so nor codec/lib/libx264.so "
+     "is there"},
+    {"clip -o out --service none", "1 cannot start the service none: No such file or directory"},
+    {"clip -o out --service PEER",
+     "1 service ended with status 22: it refused a command, or cannot load its encoder library"},
+    {"clip", "2 no output is named, use -o FILE (see --help)"},
+    {"clip -o out --bitrate 70000",
+     "2 --bitrate needs a number from 1 to 65535, not '70000' (see --help)"},
+};
+
 // A clip of 48x32: grey, grey once more, then a frame with one changed macroblock.
 std::string clip(const char* header, const char* frame) {
   const std::string grey(48 * 32 * 3 / 2, '\x80');
@@ -88,16 +135,31 @@ TEST_F(QoraEncodeTest, EncodesAClipInSeveralStreams) {
   EXPECT_TRUE(run("clip --frames 2 --no-rectangles -o short").starts_with("0 encoded 2 frames, "));
 }
 
+// Two seconds of noise: one frame for each picture whatever the rate has room for.
+TEST_F(QoraEncodeTest, HoldsABitrateInQualityMode) {
+  std::string noise(96 * 64 * 3 / 2 * 50, '\0');
+  for (uint32_t i = 0; i < noise.size(); ++i) noise[i] = static_cast<char>(i * i >> 7);
+  write("noise", noise);
+  EXPECT_EQ("0 ", run("noise --size 96x64 --quality 20 -o all --quiet"));
+  EXPECT_EQ("0 ", run("noise --size 96x64 --quality 20 --bitrate 300 -o held --stats csv --quiet"));
+  EXPECT_LT(3 * 300 * 125 * 2, std::filesystem::file_size("all"));
+  EXPECT_GT(1.25 * 300 * 125 * 2, std::filesystem::file_size("held"));
+  const std::string lines = read("csv");
+  EXPECT_EQ(51, std::count(lines.begin(), lines.end(), '\n'));
+  const std::string own = run("noise --size 96x64 --bitrate 300 --skip-unchanged -o own --quiet");
+  EXPECT_TRUE(own.starts_with("0 ")) << own;
+}
+
 TEST_F(QoraEncodeTest, EndsWithOneLineOnBadInput) {
   const std::string whole = clip("YUV4MPEG2 W48 H32 F50:1 C420jpeg\n", "FRAME Ip\n");
-  for (const auto& row : readTable(TABLES "bad_clips.table")) {
-    const std::string text = std::regex_replace(row[1], std::regex("~"), "\n");
-    write(row[0], row.size() == 2 ? text : whole.substr(0, std::stoul(row[2])));
+  for (const auto& [name, content, bytes] : kClips) {
+    write(name, content != nullptr ? content : whole.substr(0, bytes));
   }
   std::filesystem::create_symlink(SCRIPTED_PEER, "PEER");
   setenv("PEER_SCRIPT", "half 22", 1);
-  for (const auto& row : readTable(TABLES "bad_inputs.table")) {
-    EXPECT_EQ(row[1].substr(0, 2) + "qora-encode: " + row[1].substr(2) + "\n", run(row[0]));
+  for (const auto& [arguments, end] : kBadInputs) {
+    const std::string said(end.substr(2));
+    EXPECT_EQ(std::string(end.substr(0, 2)) + "qora-encode: " + said + "\n", run(arguments));
   }
   EXPECT_EQ(whole, read("clip"));
 }

@@ -1,0 +1,40 @@
+// qora/tools/output_files.h -- What qora-encode writes: coded clips and their statistics.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "qora/client/screen_session.h"
+#include "qora/tools/clip_reader.h"
+#include "qora/tools/encode_options.h"
+
+namespace qora::tools {
+
+class OutputFiles {
+ public:
+  explicit OutputFiles(const EncodeOptions& options) : options_(options) {}
+
+  // All of these: 1, or -1 with problem(), which has the file's name in front.
+  // None of the files may be the one that `input` reads.
+  [[nodiscard]] int32_t open(const ClipReader& input);
+  // A coded frame of a picture of which `changed` macroblocks changed, in its line `number`.
+  [[nodiscard]] int32_t write(const client::CodedFrame& frame, int64_t number, int32_t changed);
+  // What is still in a buffer meets a full disk here.
+  [[nodiscard]] int32_t close();
+
+  const std::string& problem() const { return problem_; }
+
+ private:
+  int32_t fail(const std::string& path);
+  int32_t openFile(const ClipReader& input, const std::string& path, File& file);
+  int32_t closeFile(File& file, const std::string& path);
+  void writeLine(const client::CodedFrame& frame, int64_t number, int32_t changed);
+
+  const EncodeOptions& options_;
+  std::vector<File> streams_;
+  File stats_;
+  std::string problem_;
+};
+
+}  // namespace qora::tools
