@@ -4,10 +4,13 @@
 #include <bit>
 #include <cassert>
 #include <climits>
+#include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 #include <utility>
 
 #include "qora/client/changed_rectangles.h"
+#include "qora/client/region_copies.h"
 
 #if defined(__x86_64__)
 #include <immintrin.h>
@@ -192,16 +195,20 @@ struct Run {
 };
 
 // Marks the macroblocks that differ in a plane from what stands (x, y) samples on in `before`.
-void markDifferent(const PicturePair& pictures, const Run& run, int32_t plane, int32_t x, int32_t y,
+void markDifferent(const MoveSearch& search, const Run& run, int32_t plane, int32_t x, int32_t y,
                    uint8_t* different) {
-  const auto& [before, after] = pictures;
+  const auto& [before, after, unfit, tolerance] = search;
   const int32_t side = plane == 0 ? kMacroblockSize : kMacroblockSize / 2;
   const int32_t left = run.first * side;
   for (int32_t top = run.row * side; top < (run.row + 1) * side; ++top) {
     const uint8_t* to = after.plane[plane] + ptrdiff_t{top} * after.stride[plane] + left;
     const uint8_t* from =
         before.plane[plane] + ptrdiff_t{top + y} * before.stride[plane] + left + x;
-    markDifferentBlocks(from, to, run.cells * side, side, different);
+    if (plane == 0 || tolerance == 0) {
+      markDifferentBlocks(from, to, run.cells * side, side, different);
+    } else {
+      markDistantBlocks(from, to, run.cells * side, tolerance, different);
+    }
     if (std::memchr(different, 0, static_cast<size_t>(run.cells)) == nullptr) return;
   }
 }
@@ -215,9 +222,10 @@ bool touches(const Damage& cells, int32_t x, int32_t y) {
          cells.test(right, bottom);
 }
 
-// The whole macroblocks among `cells` that have the same samples, in every plane, as their source.
-Damage equalCells(const PicturePair& pictures, const MoveWay& way, const Damage& cells,
-                  const Damage* unfit) {
+// The macroblocks among `cells` that are whole, may be copied and have the samples of their source
+// in the planes.
+Damage equalCells(const MoveSearch& search, const MoveWay& way, const Damage& cells,
+                  std::initializer_list<int32_t> planes) {
   const Reach columns = reachable(way.dx, cells.width());
   const Reach rows = reachable(way.dy, cells.height());
   const int32_t chromaX = (way.dx >> 1) + ((way.flags & service::kChromaRightFlag) != 0 ? 1 : 0);
@@ -229,17 +237,34 @@ Damage equalCells(const PicturePair& pictures, const MoveWay& way, const Damage&
     const Run run = {row, first, std::min(runEnd, columns.end) - first};
     if (row < rows.first || row >= rows.end || run.cells <= 0) return;
     std::fill_n(different.begin(), run.cells, uint8_t{0});
-    markDifferent(pictures, run, 0, way.dx, way.dy, different.data());
-    markDifferent(pictures, run, 1, chromaX, chromaY, different.data());
-    markDifferent(pictures, run, 2, chromaX, chromaY, different.data());
-    for (int32_t cell = 0; cell < run.cells; ++cell) {
-      const int32_t column = first + cell;
-      const bool fit = unfit == nullptr || !touches(*unfit, column * kMacroblockSize + way.dx,
-                                                    row * kMacroblockSize + way.dy);
-      if (fit && different[static_cast<size_t>(cell)] == 0) equal.set(column, row);
+    for (const int32_t plane : planes) {
+      markDifferent(search, run, plane, plane == 0 ? way.dx : chromaX,
+                    plane == 0 ? way.dy : chromaY, different.data());
+    }
+    for (int32_t column = first; column < first + run.cells; ++column) {
+      const bool fit =
+          search.unfit == nullptr || !touches(*search.unfit, column * kMacroblockSize + way.dx,
+                                              row * kMacroblockSize + way.dy);
+      if (fit && different[static_cast<size_t>(column - first)] == 0) equal.set(column, row);
     }
   });
   return equal;
+}
+
+// The ways to go a distance with the macroblocks for which each is exact in chroma, the best first.
+std::vector<MoveWay> waysOf(const MoveSearch& search, const MoveDistance& distance,
+                            const Damage& cells) {
+  const MoveSearch exact = {search.before, search.after, nullptr, 0};
+  std::vector<MoveWay> ways;
+  for (const uint8_t flags : flagChoices(distance)) {
+    MoveWay way = {distance.dx, distance.dy, flags, {}, {}};
+    way.cells = equalCells(exact, way, cells, {1, 2});
+    ways.push_back(std::move(way));
+  }
+  std::stable_sort(ways.begin(), ways.end(), [](const MoveWay& a, const MoveWay& b) {
+    return a.cells.count() > b.cells.count();
+  });
+  return ways;
 }
 
 // The smallest rectangle around the macroblocks.
@@ -267,6 +292,31 @@ void markAnchors(const uint8_t* upper, const uint8_t* lower, int32_t count, uint
   if (__builtin_cpu_supports("avx2") != 0) done = markAnchorsWide(upper, lower, count, marks);
 #endif
   markFrom(done, upper, lower, count, marks);
+}
+
+void markDistantBlocksPlain(const uint8_t* before, const uint8_t* after, int32_t bytes,
+                            int32_t tolerance, uint8_t* distant) {
+  for (int32_t i = 0; i < bytes; ++i) {
+    if (std::abs(before[i] - after[i]) > tolerance) distant[i / 8] = 1;
+  }
+}
+
+void markDistantBlocks(const uint8_t* before, const uint8_t* after, int32_t bytes,
+                       int32_t tolerance, uint8_t* distant) {
+  int32_t done = 0;
+#if defined(__SSE2__)
+  const __m128i allowed = _mm_set1_epi8(static_cast<char>(std::min(tolerance, 255)));
+  for (; done + 16 <= bytes; done += 16) {
+    const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(before + done));
+    const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(after + done));
+    const __m128i distance = _mm_or_si128(_mm_subs_epu8(a, b), _mm_subs_epu8(b, a));
+    const __m128i within = _mm_cmpeq_epi8(_mm_subs_epu8(distance, allowed), _mm_setzero_si128());
+    const int far = _mm_movemask_epi8(within) ^ 0xFFFF;
+    distant[done / 8] |= static_cast<uint8_t>((far & 0x00FF) != 0);
+    distant[done / 8 + 1] |= static_cast<uint8_t>((far & 0xFF00) != 0);
+  }
+#endif
+  markDistantBlocksPlain(before + done, after + done, bytes - done, tolerance, distant + done / 8);
 }
 
 void MoveDetector::collectAnchors(const Picture& before, const Damage& changed) {
@@ -321,30 +371,34 @@ void MoveDetector::chooseDistances() {
   distances_.resize(static_cast<size_t>(best));
 }
 
-void MoveDetector::match(const PicturePair& pictures, const MoveDistance& distance,
-                         const Damage* unfit, Damage& remaining) {
-  const size_t first = ways_.size();
-  int32_t cells = 0;
-  for (const uint8_t flags : flagChoices(distance)) {
-    MoveWay way = {distance.dx, distance.dy, flags, {}, {}};
-    way.cells = equalCells(pictures, way, remaining, unfit);
+void MoveDetector::match(const MoveSearch& search, const MoveDistance& distance,
+                         Damage& remaining) {
+  const auto& [dx, dy, votes] = distance;
+  Damage left = equalCells(search, {dx, dy, 0, {}, {}}, remaining, {0});
+  if (left.count() < kFewestMoved) return;
+  std::vector<MoveWay> ways = waysOf(search, distance, left);
+  const int32_t before = left.count();
+  for (MoveWay& way : ways) {
+    if (search.tolerance > 0) way.cells = equalCells(search, way, left, {1, 2});
+    way.cells.intersect(left);
+    left.subtract(way.cells);
+  }
+  if (before - left.count() < kFewestMoved) return;
+  for (MoveWay& way : ways) {
+    if (way.cells.isEmpty()) continue;
     remaining.subtract(way.cells);
-    cells += way.cells.count();
-    if (!way.cells.isEmpty()) ways_.push_back(std::move(way));
+    fill(search, way);
+    ways_.push_back(std::move(way));
   }
-  if (cells < kFewestMoved) {
-    for (size_t at = first; at < ways_.size(); ++at) remaining.add(ways_[at].cells);
-    ways_.resize(first);
-  }
-  for (size_t at = first; at < ways_.size(); ++at) fill(pictures, unfit, ways_[at]);
 }
 
-void MoveDetector::fill(const PicturePair& pictures, const Damage* unfit, MoveWay& way) {
+void MoveDetector::fill(const MoveSearch& search, MoveWay& way) {
+  way.filled = way.cells;
+  if (way.cells.count() < kFewestMoved) return;
   Damage spare(way.cells.width(), way.cells.height());
   spare.add(bounds(way.cells));
   spare.subtract(way.cells);
-  way.filled = equalCells(pictures, way, spare, unfit);
-  way.filled.add(way.cells);
+  way.filled.add(equalCells(search, way, spare, {0, 1, 2}));
 }
 
 void MoveDetector::listCopies(Moves& moves) {
@@ -384,7 +438,7 @@ void MoveDetector::addCandidate(const MoveWay& way, const service::Rectangle& re
 }
 
 int32_t MoveDetector::find(const Picture& before, const Picture& after, const Damage& changed,
-                           const Damage* unfit, Moves& moves) {
+                           const Damage* unfit, Moves& moves, int32_t tolerance) {
   assert(before.width == after.width && before.height == after.height);
   assert(changed.width() == after.width && changed.height() == after.height);
   moves.copies.clear();
@@ -396,12 +450,28 @@ int32_t MoveDetector::find(const Picture& before, const Picture& after, const Da
   chooseDistances();
   ways_.clear();
   for (const MoveDistance& distance : distances_) {
-    match({before, after}, distance, unfit, moves.remaining);
+    match({before, after, unfit, tolerance}, distance, moves.remaining);
   }
   listCopies(moves);
   moves.remaining = changed;
   moves.remaining.subtract(moves.covered);
   return changed.count() - moves.remaining.count();
+}
+
+int32_t adoptMoves(const Picture& before, const Picture& picture, const Moves& moves,
+                   Damage& owed) {
+  Damage unequal(picture.width, picture.height);
+  for (const service::RegionCopy& copy : moves.copies) {
+    const MoveWay way = {
+        copy.sourceX - copy.destinationX, copy.sourceY - copy.destinationY, copy.flags, {}, {}};
+    Damage cells(picture.width, picture.height);
+    cells.add({copy.destinationX, copy.destinationY, copy.width, copy.height});
+    unequal.add(cells);
+    unequal.subtract(equalCells({before, picture, nullptr, 0}, way, cells, {1, 2}));
+  }
+  copyRegions(before, picture, moves.copies);
+  owed.add(unequal);
+  return unequal.count();
 }
 
 }  // namespace qora::client

@@ -39,9 +39,11 @@ struct Moves {
 };
 
 // What the search is made of.
-struct PicturePair {
+struct MoveSearch {
   const Picture& before;
   const Picture& after;
+  const Damage* unfit;
+  int32_t tolerance;
 };
 struct MoveDistance {
   int32_t dx, dy;  // from destination to source
@@ -63,10 +65,12 @@ class MoveDetector {
   //   changed        macroblocks that really differ, see Damage::refine(); of the pictures' size.
   //   unfit          macroblocks of `before` that no copy may read: too coarsely coded to be kept.
   //                  Null: all are fit.
+  //   tolerance      how far a chroma sample may be off. With more than 0, adoptMoves() has to
+  //                  follow: the copies are exact for the picture that it makes of `after`.
   // Returns the number of changed macroblocks that are covered. About a millisecond when all of
   // 1920x1080 moved, nothing when little changed.
   int32_t find(const Picture& before, const Picture& after, const Damage& changed,
-               const Damage* unfit, Moves& moves);
+               const Damage* unfit, Moves& moves, int32_t tolerance = 0);
 
  private:
   // A place that was chosen by what stands there, so that it moves with the content.
@@ -84,9 +88,8 @@ class MoveDetector {
   void collectVotes(const Picture& after, const Damage& changed);
   void vote(int32_t dx, int32_t dy);
   void chooseDistances();
-  void match(const PicturePair& pictures, const MoveDistance& distance, const Damage* unfit,
-             Damage& remaining);
-  void fill(const PicturePair& pictures, const Damage* unfit, MoveWay& way);
+  void match(const MoveSearch& search, const MoveDistance& distance, Damage& remaining);
+  void fill(const MoveSearch& search, MoveWay& way);
   void addCandidate(const MoveWay& way, const service::Rectangle& rectangle);
   void listCopies(Moves& moves);
 
@@ -99,7 +102,26 @@ class MoveDetector {
   std::vector<Candidate> candidates_;
 };
 
-// The step of the search that reads every changed pixel: sets bit i % 64 of marks[i / 64] where the
+// A tolerance that nobody sees, and that text with a tint of colour scrolls within.
+inline constexpr int32_t kUnseenTolerance = 4;
+
+// An odd distance leads between two chroma samples, so coloured text that scrolls by it is nowhere
+// to be found, though its colours are off by next to nothing. This makes the copies in `picture`
+// itself, before it is encoded: they are exact then. `owed` gains the macroblocks where that
+// changed a sample; they are to be read from the screen again, as damage, once they stay where they
+// are. Errors do not add up, since the next search compares with the screen. Returns the number of
+// those macroblocks.
+int32_t adoptMoves(const Picture& before, const Picture& picture, const Moves& moves, Damage& owed);
+
+// The steps of the search that read every changed pixel.
+
+// Like markDifferentBlocks() with blocks of 8, for differences above the tolerance.
+void markDistantBlocks(const uint8_t* before, const uint8_t* after, int32_t bytes,
+                       int32_t tolerance, uint8_t* distant);
+void markDistantBlocksPlain(const uint8_t* before, const uint8_t* after, int32_t bytes,
+                            int32_t tolerance, uint8_t* distant);
+
+// Sets bit i % 64 of marks[i / 64] where the
 // 16 samples from upper[i] on and those from lower[i] on make an anchor, clears it elsewhere; i
 // from 0 to count - 1. About one place in 256 is one, none where the first 8 upper samples are
 // equal. Reads count + 15 samples of each row. The plain one is the measure.
