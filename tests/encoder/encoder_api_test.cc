@@ -26,7 +26,6 @@ TEST(EncoderApi, IsLoadedOnceAndUnloadedAsOftenAsOneLikes) {
     EXPECT_TRUE(api.libraryPath == nullptr && api.libraryHandle == nullptr);
     EXPECT_TRUE(api.fillParameters == nullptr && api.buildNumber == 0);
   }
-  unsetenv("QORA_SYSTEM");
 }
 
 }  // namespace

@@ -92,18 +92,14 @@ TEST_F(FillParameters, WritesExactlyTheFieldsOfItsLayoutInBothModes) {
   }
 }
 
-TEST_F(FillParameters, StartCodesAreBit2Alone) {
-  ASSERT_EQ(fill(128, 0xFB), 1);
-  EXPECT_EQ(stream_.param_storage[820], 0);
-}
-
 TEST_F(FillParameters, OnlyAResultOfMinusOneIsARefusalAndLeavesParamAlone) {
   test::CapturedLog log;
   presetResult = profileResult = -2;
-  EXPECT_EQ(fill(142), 1);
+  EXPECT_EQ(fill(128, 0xFB), 1);
+  EXPECT_EQ(stream_.param_storage[820], 0);  // start codes are bit 2 alone
   stream_.param = nullptr;
   profileResult = -1;
-  EXPECT_EQ(fill(142), -1);
+  EXPECT_EQ(fill(128), -1);
   EXPECT_EQ(stream_.param, nullptr);
 }
 

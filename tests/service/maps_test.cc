@@ -9,8 +9,6 @@ namespace {
 
 // A map of 24 rows.
 void expectThePlainFill(int32_t mapColumns, const MacroblockRange& range) {
-  SCOPED_TRACE(testing::Message() << range.column << "+" << range.columns << " of " << mapColumns
-                                  << ", " << range.rows << " rows");
   const size_t cells = static_cast<size_t>(mapColumns) * 24;
   std::vector<uint8_t> info[2];
   std::vector<float> quantizer[2];
@@ -21,7 +19,7 @@ void expectThePlainFill(int32_t mapColumns, const MacroblockRange& range) {
     markAllUnchanged(maps);
     (plain == 1 ? fillRangePlainly : fillRange)(range, -2.5F, maps);
   }
-  ASSERT_EQ(info[0], info[1]);
+  ASSERT_EQ(info[0], info[1]) << range.column << "+" << range.columns << " of " << mapColumns;
   ASSERT_EQ(quantizer[0], quantizer[1]);
   ASSERT_EQ(info[0][mapColumns + range.column], range.columns > 0 ? 0 : 1);
 }

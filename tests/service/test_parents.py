@@ -40,7 +40,8 @@ def test_a_parent_that_stops_listening(percent, segment):
     service.read((MIB + 20) * percent // 100)
     if percent == 100:
         service.send(encode(0))
-    service.close_output()
+    service.child.stdout.close()
+    service.child.stdout = None
     assert service.finish() == (32, b"", [])
 
 

@@ -138,6 +138,14 @@ class Segment:
         self.mark_removed()
 
 
+@pytest.fixture
+def segment():
+    """The id of a segment, gone after the test; nobody may be attached to it by then."""
+    with Segment() as made:
+        yield made.id
+        assert attached(made.id) == 0
+
+
 # --- Libraries ----------------------------------------------------------------------------------
 
 scratch = tempfile.TemporaryDirectory(prefix="qora-test-")
@@ -239,10 +247,6 @@ class Service:
         head = self.read(20)
         assert len(head) == 20, "no reply"
         return replies(head + self.read(struct.unpack_from("<I", head, 8)[0]))[0]
-
-    def close_output(self):
-        self.child.stdout.close()
-        self.child.stdout = None
 
     def finish(self):
         """End of input, the rest of the output, the end."""

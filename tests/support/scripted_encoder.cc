@@ -76,16 +76,10 @@ void* x264_encoder_open_142(void* param) {
   ++openEncoders;
   return encoder;
 }
-#define ALSO_BUILD(build) \
-  __attribute__((alias("x264_encoder_open_142"))) void* x264_encoder_open_##build(void*)
-ALSO_BUILD(128);
-ALSO_BUILD(129);
-ALSO_BUILD(130);
-ALSO_BUILD(132);
-ALSO_BUILD(133);
-ALSO_BUILD(135);
-ALSO_BUILD(138);
-ALSO_BUILD(161);
+asm(".irp build, 128, 129, 130, 132, 133, 135, 138, 161\n"
+    ".globl x264_encoder_open_\\build\n"
+    ".set x264_encoder_open_\\build, x264_encoder_open_142\n"
+    ".endr");
 
 int x264_encoder_reconfig(void*, void*) {
   return 0;
