@@ -6,6 +6,7 @@
 #include "benchmarks/footprint.h"
 #include "benchmarks/pairs.h"
 #include "benchmarks/scripted_pair.h"
+#include "benchmarks/session_pair.h"
 
 namespace qora::bench {
 namespace {
@@ -35,6 +36,25 @@ void printScripted() {
   unpin();
   printRow("round trip with a scripted encoder: times a bare echo", result.ratio, "", 1.3);
   printRow("  the same: microseconds", result.ours, "us", 0);
+}
+
+void printSession() {
+  const struct {
+    const char* what;
+    client::Area area;
+    double limit;  // microseconds
+  } rows[] = {
+      {"session and rate control beside the client: a typed letter", {800, 400, 10, 20}, 20},
+      {"session and rate control beside the client: all of 1920x1080", {0, 0, 1920, 1080}, 1500},
+  };
+  for (const auto& [what, area, limit] : rows) {
+    SessionPair pair(area);
+    pinToOneCpu();
+    const Comparison result =
+        compare([&] { pair.callSession(); }, [&] { pair.callClient(); }, 201, 2000us);
+    unpin();
+    printRow(what, result.ours - result.floor, "us", limit);
+  }
 }
 
 void printStart() {
@@ -75,6 +95,7 @@ int main(int argc, char* argv[]) {
   using namespace qora::bench;
   printMicroPairs();
   printScripted();
+  printSession();
   printStart();
   for (int clip = 1; clip < argc; ++clip) printClip(argv[clip]);
   return 0;
