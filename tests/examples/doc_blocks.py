@@ -1,0 +1,55 @@
+#!/usr/bin/env python3
+"""Usage: doc_blocks.py DOCUMENT.md OUT.cc -- The document's C++ blocks as one program.
+
+The first block is a whole program, step 0. The others go on from it: each becomes a function that
+finds what the text promises.
+"""
+import re
+import sys
+
+PRELUDE = """
+#include <poll.h>
+#include <algorithm>
+#include <iterator>
+#include <thread>
+#include "qora/client/move_detector.h"
+#include "qora/client/region_copies.h"
+
+static int step%d(ScreenSession& session) {
+  CodedFrame frame;
+  [[maybe_unused]] Picture picture;
+  [[maybe_unused]] TestViewer viewer;
+  [[maybe_unused]] const auto send = [](const CodedFrame& sent) { coded += sent.bytes.size(); };
+"""
+VIEWER = """
+static size_t coded = 0;
+struct TestViewer {  // shows nothing
+  std::vector<uint8_t> memory = std::vector<uint8_t>(3 << 20);
+  Picture one{{&memory[0], &memory[1 << 20], &memory[2 << 20]}, {1024, 512, 512}, 800, 451};
+  Picture two = one;
+  Picture& decode(const std::vector<uint8_t>& bytes) { coded += bytes.size(); return one; }
+  Picture& pictureBefore() { return two; }
+};
+"""
+MAIN = """
+int main(int argc, char* argv[]) {
+  if (const int result = program(argc, argv); result != 0) return result;
+  ScreenSession session;
+  if (session.addStream({.width = 640, .height = 360}) == -1 ||
+      session.start({.service = {.servicePath = argv[1], .codecRoot = argv[2]}}) == -1) return 1;
+  for (const auto step : {%s}) {
+    const int result = step(session);
+    if (result != 0 || !session.errorText().empty()) return std::fprintf(stderr, "%%s\\n", session.errorText().c_str());
+  }
+  return session.stop() == 1 && coded > 1000 ? 0 : 1;
+}
+"""
+
+document, out = sys.argv[1:]
+blocks = re.findall(r"^```cpp\n(.*?)^```", open(document).read(), re.M | re.S)
+text = blocks[0].replace("int main(", "static int program(").replace("void draw", "static void draw")
+text += VIEWER
+for number, block in enumerate(blocks[1:], 1):
+    text += PRELUDE % number + block + "  return 0;\n}\n"
+text += MAIN % ", ".join(f"step{number}" for number in range(1, len(blocks)))
+open(out, "w").write(text)
