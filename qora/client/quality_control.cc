@@ -5,6 +5,8 @@
 #include <numeric>
 
 #include "qora/client/cell_features.h"
+#include "qora/client/motion_guess.h"
+#include "qora/client/move_detector.h"
 
 namespace qora::client {
 namespace {
@@ -12,6 +14,7 @@ namespace {
 // Milliseconds of the link.
 constexpr double kHold = 50;            // a change waits while more than this is queued
 constexpr double kHoldSmall = 200;      // a small one: typing, the pointer
+constexpr double kCheap = 35;           // a change that takes less than a tick of 40
 constexpr double kQueueAfter = 100;     // what may be queued after a change
 constexpr double kQueueRunning = 50;    // the same of what moves on: more would only show it later
 constexpr double kLeastChange = 20;     // a change always gets that much
@@ -21,11 +24,12 @@ constexpr double kLeastRefined = 10;    // they get that much beside changes
 constexpr double kRefineBelow = 20;     // and nothing while more than this is queued
 
 constexpr int32_t kSmallChange = 200;  // cells
-constexpr size_t kMostCopies = 64;
+constexpr int32_t kFewCells = 64;
 constexpr size_t kMostSealed = 512;  // rectangles, so that there is always room for changes
 constexpr size_t kMostRefined = 1024;
 constexpr int32_t kMudTolerance = 6;  // a copy's source may be that much coarser than coding it
 constexpr int32_t kOffsetStep = 2;
+constexpr int32_t kFinerAtOnce = 4;
 
 // A cell further than this from the goal is first brought near it: two steps by area cost 2 % more
 // than one, make a page readable in half the time, and many small steps cost 15 to 30 %.
@@ -43,14 +47,13 @@ constexpr float kResidual = 0.8F;  // a sharpening's bits over those of a first 
 constexpr float kLeastLearned = 0.02F;
 constexpr float kMostLearned = 4;
 constexpr float kFrameBits = 100;  // a frame in which everything is skipped
-constexpr size_t kRunning = 2;     // kinds, added to text 0 and the rest 1
+constexpr size_t kMoved = 2;       // kinds, added to text 0 and the rest 1
 constexpr size_t kRefined = 4;
 // A factor never counts for less than this when an offset is chosen: grain teaches factors that the
-// next page of text breaks. Text that runs on is scrolled as a rule, and predicted nearly whole.
-constexpr float kLeastFactor[] = {0.8F, 0.5F, 0.03F, 0.5F, 0.8F, 0.5F};
-// If it is not, if a new page comes in the middle, the queue is no longer than this.
-constexpr double kWorstQueue = 400;
-constexpr uint32_t kRunsOn = 300;  // milliseconds from one change of a cell to the next
+// next page of text breaks.
+constexpr float kLeastFactor[] = {0.8F, 0.5F, 0.03F, 0.03F, 0.8F, 1.2F};
+constexpr float kLeastOfNew = 1.3F;  // a new picture's: too coarse is put right in half a second
+constexpr uint32_t kRunsOn = 300;    // milliseconds from one change of a cell to the next
 
 // Quantizers are halves of a step here, as CellFeatures::term is.
 constexpr int32_t kLargestQuantizer = 102;
@@ -81,6 +84,22 @@ size_t stillIndex(uint64_t key) {
 
 bool isText(int8_t term) {
   return term > kTextTerm;
+}
+
+// The runs of a few cells one by one: a typed letter is not worth a look at every cell.
+void listRuns(const Damage& cells, std::vector<service::Rectangle>& list) {
+  list.clear();
+  cells.forEachRun([&](int32_t row, int32_t first, int32_t end) {
+    const int32_t x = first * kMacroblockSize;
+    const int32_t y = row * kMacroblockSize;
+    const int32_t right = std::min(end * kMacroblockSize, cells.width());
+    const int32_t bottom = std::min(y + kMacroblockSize, cells.height());
+    list.push_back({.quantizerOffset = 0,
+                    .x = static_cast<uint16_t>(x),
+                    .y = static_cast<uint16_t>(y),
+                    .width = static_cast<uint16_t>(right - x),
+                    .height = static_cast<uint16_t>(bottom - y)});
+  });
 }
 
 template <typename Bits>
@@ -115,11 +134,11 @@ void removeDestination(const service::RegionCopy& copy, Damage& cells) {
 }  // namespace
 
 void QualityControl::reset(int32_t width, int32_t height) {
-  for (Damage* cells : {&unsealed_, &changing_, &refined_, &still_.finished}) {
+  for (Damage* cells : {&unfinished_, &sealed_, &changing_, &refined_, &still_.unsealed}) {
     cells->resize(width, height);
   }
-  const int32_t count = unsealed_.columns() * unsealed_.rows();
-  cells_.assign(static_cast<size_t>(count), {0, 0, kNeverCoded, 0, 0, 0, 0});
+  const int32_t count = unfinished_.columns() * unfinished_.rows();
+  cells_.assign(static_cast<size_t>(count), {0, 0, kNeverCoded, 0, 0, 0, kNeverCoded});
   startAnew_ = true;
   debt_ = underWay_ = unacknowledged_ = 0;
   acknowledging_ = false;
@@ -137,16 +156,16 @@ void QualityControl::setRate(int64_t bytesPerSecond) {
 
 void QualityControl::setQuality(int32_t offset) {
   goal_ = std::clamp(offset, kFinestOffset, kCoarsestOffset);
-  for (int32_t row = 0; row < unsealed_.rows(); ++row) {
-    for (int32_t column = 0; column < unsealed_.columns(); ++column) {
-      if (offsetOf(column, row) > goal_) unsealed_.set(column, row);
+  for (int32_t row = 0; row < unfinished_.rows(); ++row) {
+    for (int32_t column = 0; column < unfinished_.columns(); ++column) {
+      if (offsetOf(column, row) > goal_) unfinished_.set(column, row);
     }
   }
 }
 
 void QualityControl::plan(Time now, const Damage& changed, const Picture& picture,
-                          std::span<const service::RegionCopy> copies, bool keyFrame,
-                          QualityPlan& plan) {
+                          const Picture* before, std::span<const service::RegionCopy> copies,
+                          bool keyFrame, QualityPlan& plan) {
   plan.step = QualityStep::silent;
   plan.rectangles.clear();
   plan.copies.clear();
@@ -155,35 +174,39 @@ void QualityControl::plan(Time now, const Damage& changed, const Picture& pictur
   if (whole) changing_.addAll();
   drain(now);
   const int32_t count = changing_.count();
-  if (count > 0 && waitForLink(now, count < kSmallChange ? kHoldSmall : kHold, plan)) return;
   const uint32_t ms = milliseconds(now);
+  if (count >= kSmallChange && waitForLink(now, kHoldSmall, plan)) return;
+  measure(picture, whole ? nullptr : before, ms);
+  const bool mayWait = count >= kSmallChange && !isCheap(count);
+  if (count > 0 && waitForLink(now, mayWait ? kHold : kHoldSmall, plan)) return;
   findStill(ms);
   if (count == 0 && !mayGoOn(now, plan)) return;
 
   plan.step = QualityStep::encode;
   plan.keyFrame = keyFrame;
-  measure(picture, whole, ms);
   if (!whole) takeCopies(copies, ms, plan);
-  const int32_t offset = chooseOffset(changeBudget());
+  int32_t offset = chooseOffset(changeBudget());
+  // What runs on becomes finer little by little: much at once costs much, and the next frame pays.
+  if (runsOn_ && rate_ > 0) offset = std::max(offset, offset_ - kFinerAtOnce);
+  offset_ = offset;
   Pending frame = {bitsOf(changing_, offset), 0, whole};
   for (size_t kind = 0; kind < kKinds; ++kind) frame.bits[kind] *= factors_[kind];
   const int32_t goal = chooseRefined(frame.bits);
 
-  if (changing_.isEmpty() && plan.copies.empty()) {
-    // Not beside what changes: the encoder would skip the cell along with its neighbours' motion.
-    list(still_.finished, kSealingOffset, kMostSealed, plan);
-    unsealed_.subtract(still_.finished);
-  }
+  // Not beside what changes: the encoder would skip the cell along with its neighbours' motion.
+  if (changing_.isEmpty() && plan.copies.empty()) seal(plan);
   list(refined_, goal, kMostRefined, plan);
   refined_.forEachCell([&](int32_t x, int32_t y) {
-    unsealed_.set(x, y);
-    cell(x, y).offset = static_cast<int8_t>(goal);
+    markCoded(x, y, goal);
     cell(x, y).refinedAt = ms;
   });
   list(changing_, offset, kDamageRectangles - plan.rectangles.size(), plan);
   changing_.forEachCell([&](int32_t x, int32_t y) {
-    if (!whole) countWasted(cell(x, y), ms);
-    markChanged(x, y, offset, ms);
+    Cell& one = cell(x, y);
+    if (!whole) countWasted(one, ms);
+    // What moved keeps what it had, or nearly.
+    markCoded(x, y, one.source < offset ? std::max<int32_t>(one.source, goal_ + 1) : offset);
+    one.changedAt = ms;
   });
 
   if (count > 0) changedAt_ = ms;
@@ -249,18 +272,18 @@ bool QualityControl::mayGoOn(Time now, QualityPlan& plan) const {
 }
 
 void QualityControl::findStill(uint32_t now) {
-  still_.finished.clear();
+  still_.unsealed.clear();
   still_.heap.clear();
   int32_t settled = 0;
   bool sharpened = false;
   still_.far = false;
   const bool allStill = now - changedAt_ >= kAllStill;
   uint32_t next = UINT32_MAX;
-  unsealed_.forEachCell([&](int32_t column, int32_t row) {
+  unfinished_.forEachCell([&](int32_t column, int32_t row) {
     if (changing_.test(column, row)) return;
     const Cell& one = cell(column, row);
     const bool finished = one.offset <= goal_;
-    if (finished) still_.finished.set(column, row);
+    if (!sealed_.test(column, row)) still_.unsealed.set(column, row);
     const uint32_t age = now - one.changedAt;
     const uint32_t needed = allStill ? kStillFor : kStillFor << one.wasted;
     if (age < needed) {
@@ -279,20 +302,39 @@ void QualityControl::findStill(uint32_t now) {
   std::make_heap(still_.heap.begin(), still_.heap.end());
 }
 
-void QualityControl::measure(const Picture& picture, bool whole, uint32_t now) {
+void QualityControl::measure(const Picture& picture, const Picture* before, uint32_t now) {
+  const Motion motion = before == nullptr ? Motion{} : guessMotion(*before, picture, changing_);
+  const bool moves = motion.dx != 0 || motion.dy != 0;
   int32_t running = 0;
   int32_t cells = 0;
+  moved_ = 0;
   changing_.forEachCell([&](int32_t column, int32_t row) {
     const CellFeatures features = cellFeatures(picture, column, row);
     Cell& one = cell(column, row);
     one.texture = features.texture;
     one.term = features.term;
-    const bool runs = !whole && now - one.changedAt < kRunsOn;
-    one.kind = static_cast<uint8_t>((isText(one.term) ? 0 : 1) + (runs ? kRunning : 0));
-    running += runs ? 1 : 0;
+    one.source = kNeverCoded;
+    if (moves && hasMoved(*before, picture, column, row, motion)) {
+      one.source = static_cast<int8_t>(
+          worstOffset(column * kMacroblockSize + motion.dx, row * kMacroblockSize + motion.dy));
+    }
+    running += now - one.changedAt < kRunsOn ? 1 : 0;
     ++cells;
   });
   runsOn_ = running > cells / 2;
+}
+
+// What moved a little costs the encoder little. A tick later it will have moved too far to be
+// found, so holding it makes it dear, and then it has to be held again.
+bool QualityControl::isCheap(int32_t count) const {
+  if (rate_ == 0 || moved_ <= count / 2) return false;
+  return isWithin(bitsOf(changing_, kCoarsestOffset), static_cast<float>(bytesIn(kCheap) * 8));
+}
+
+// What moved is cheap as long as it is to become no finer than it was.
+size_t QualityControl::kindOf(const Cell& cell, int32_t offset) {
+  const bool moved = cell.source <= offset + kOffsetStep;
+  return (isText(cell.term) ? 0 : 1) + (moved ? kMoved : 0);
 }
 
 // The bits of coding a cell anew at an offset. Within a factor of two for text, desktops,
@@ -307,7 +349,7 @@ QualityControl::Bits QualityControl::bitsOf(const Damage& cells, int32_t offset)
   Bits bits = {};
   cells.forEachCell([&](int32_t column, int32_t row) {
     const Cell& one = cells_[index(column, row)];
-    bits[one.kind] += bitsOf(one, offset);
+    bits[kindOf(one, offset)] += bitsOf(one, offset);
   });
   return bits;
 }
@@ -339,13 +381,12 @@ float QualityControl::refinementBudget(float spent) const {
 }
 
 bool QualityControl::isWithin(const Bits& bits, float budget) const {
-  float likely = 0;
-  float worst = 0;
-  for (size_t kind = 0; kind < kRefined; ++kind) {
-    likely += bits[kind] * std::max(factors_[kind], kLeastFactor[kind]);
-    worst += bits[kind] * kLeastFactor[kind % kRunning];
+  float sum = 0;
+  for (size_t kind = 0; kind < kKinds; ++kind) {
+    const float least = kind < kMoved && !runsOn_ ? kLeastOfNew : kLeastFactor[kind];
+    sum += bits[kind] * std::max(factors_[kind], least);
   }
-  return likely <= budget && (rate_ == 0 || worst <= static_cast<float>(bytesIn(kWorstQueue) * 8));
+  return sum <= budget;
 }
 
 // The finest at which all that changes is within the budget.
@@ -418,7 +459,7 @@ void QualityControl::takeCopies(std::span<const service::RegionCopy> candidates,
                                 QualityPlan& plan) {
   std::copy_if(candidates.begin(), candidates.end(), std::back_inserter(plan.copies),
                [this](const auto& copy) { return isUsable(copy, changing_); });
-  if (plan.copies.size() > kMostCopies) plan.copies.resize(kMostCopies);
+  if (std::ssize(plan.copies) > kMostCopies) plan.copies.resize(kMostCopies);
   if (plan.copies.empty()) return;
   const int32_t offset = chooseOffset(changeBudget());  // of all without copies
   std::erase_if(plan.copies, [&](const auto& copy) { return !isWorthCopying(copy, offset); });
@@ -437,9 +478,10 @@ void QualityControl::takeCopies(std::span<const service::RegionCopy> candidates,
   const int8_t* next = offsets.data();
   for (const service::RegionCopy& copy : plan.copies) {
     forEachCell(copy, [&](int32_t column, int32_t row, int32_t, int32_t) {
-      markChanged(column, row, *next, now);
-      // Sealed by the same listing, unless there is something to sharpen.
-      if (*next++ <= goal_) unsealed_.reset(column, row);
+      markCoded(column, row, *next);
+      cell(column, row).changedAt = now;
+      sealed_.set(column, row);  // by the same listing
+      if (*next++ <= goal_) unfinished_.reset(column, row);
     });
   }
 }
@@ -447,8 +489,13 @@ void QualityControl::takeCopies(std::span<const service::RegionCopy> candidates,
 // Appends rectangles that cover the cells. Where they would be too many they cover others as well,
 // which then belong to the cells.
 void QualityControl::list(Damage& cells, int32_t offset, size_t limit, QualityPlan& plan) {
-  if (cells.isEmpty()) return;
-  cells.list(listed_, static_cast<int32_t>(limit));
+  const int32_t count = cells.count();
+  if (count == 0) return;
+  if (count <= kFewCells) {
+    listRuns(cells, listed_);
+  } else {
+    cells.list(listed_, static_cast<int32_t>(limit));
+  }
   for (service::Rectangle& rectangle : listed_) {
     rectangle.quantizerOffset = static_cast<int8_t>(offset);
     cells.add({rectangle.x, rectangle.y, rectangle.width, rectangle.height});
@@ -456,10 +503,21 @@ void QualityControl::list(Damage& cells, int32_t offset, size_t limit, QualityPl
   plan.rectangles.insert(plan.rectangles.end(), listed_.begin(), listed_.end());
 }
 
-void QualityControl::markChanged(int32_t column, int32_t row, int32_t offset, uint32_t now) {
+// What is not to be coded in this frame must not be: the encoder codes a still cell once more, at
+// will, as long as it is not sealed.
+void QualityControl::seal(QualityPlan& plan) {
+  still_.unsealed.subtract(refined_);
+  list(still_.unsealed, kSealingOffset, kMostSealed, plan);
+  sealed_.add(still_.unsealed);
+  still_.unsealed.forEachCell([this](int32_t column, int32_t row) {
+    if (offsetOf(column, row) <= goal_) unfinished_.reset(column, row);
+  });
+}
+
+void QualityControl::markCoded(int32_t column, int32_t row, int32_t offset) {
   cell(column, row).offset = static_cast<int8_t>(offset);
-  cell(column, row).changedAt = now;
-  unsealed_.set(column, row);
+  unfinished_.set(column, row);
+  sealed_.reset(column, row);
 }
 
 }  // namespace qora::client

@@ -10,7 +10,7 @@
 //     control.reset(1920, 1080);
 //     control.setRate(500'000);                          // bytes a second: 4 Mbit/s
 //     at every tick (a new picture, or plan.until):
-//       control.plan(now, damage, picture, {}, false, plan);
+//       control.plan(now, damage, picture, &lastEncoded, {}, false, plan);
 //       if (plan.step == QualityStep::encode) {
 //         client.encode(request, plan.rectangles, plan.copies);     // of this very picture
 //         clear the damage
@@ -78,12 +78,15 @@ class QualityControl {
   //             Of the picture's columns and rows. Stays the caller's until `encode`, then all of
   //             it is in the plan: clear it.
   //   picture   of the size given to reset().
+  //   before    the last picture encoded, where it is still there. What only moved from it is
+  //   cheap,
+  //             and is then not coded coarsely for fear that it were not. Null: not known.
   //   copies    what moved, exactly, from the last picture encoded: destinations of whole cells.
   //   Some
   //             may be left out of the plan: what would copy a coarse part is coded instead.
   //   keyFrame  a frame that stands alone is wanted; ask until plan.keyFrame.
   // Costs microseconds for a typed letter, about half a millisecond for all of 1920x1080.
-  void plan(Time now, const Damage& changed, const Picture& picture,
+  void plan(Time now, const Damage& changed, const Picture& picture, const Picture* before,
             std::span<const service::RegionCopy> copies, bool keyFrame, QualityPlan& plan);
 
   // The reply to the oldest planned frame that has none yet: coded bytes, the reply's key flag.
@@ -99,8 +102,8 @@ class QualityControl {
 
  private:
   static constexpr int8_t kNeverCoded = 127;
-  // Cells are predicted by six factors: text and the rest, each of them new, moving on and on, or
-  // being sharpened.
+  // Cells are predicted by six factors: text and the rest, each of them new, moved, or being
+  // sharpened.
   static constexpr size_t kKinds = 6;
   using Bits = std::array<float, kKinds>;
 
@@ -112,24 +115,24 @@ class QualityControl {
     uint8_t wasted;   // 0 to 4: how often it changed soon after it was sharpened
     uint8_t texture;  // as in CellFeatures
     int8_t term;
-    uint8_t kind;
+    int8_t source;  // moved: the offset of what it was; kNeverCoded: it did not
   };
   struct Pending {
     Bits bits;     // predicted
     double bytes;  // the same in all
     bool whole;    // every cell is listed with a real offset
   };
-  // The cells that are not sealed and have not changed.
+  // The unfinished cells that have not changed.
   struct Still {
-    Damage finished;             // at the goal
-    bool worthSealing = false;   // they are many, or were sharpened; and still for long enough
+    Damage unsealed;
+    bool worthSealing = false;   // those at the goal are many, or were sharpened
     std::vector<uint64_t> heap;  // coarser than the goal and still for long enough, by stillKey()
     bool far = false;            // one of those is far from the goal
     uint32_t next = 0;           // in so many milliseconds another one will be; 0: none
   };
 
   size_t index(int32_t column, int32_t row) const {
-    return static_cast<size_t>(row) * static_cast<size_t>(unsealed_.columns()) +
+    return static_cast<size_t>(row) * static_cast<size_t>(unfinished_.columns()) +
            static_cast<size_t>(column);
   }
   Cell& cell(int32_t column, int32_t row) { return cells_[index(column, row)]; }
@@ -140,7 +143,9 @@ class QualityControl {
   void drain(Time now);
   bool waitForLink(Time now, double milliseconds, QualityPlan& plan) const;
   // The prediction.
-  void measure(const Picture& picture, bool whole, uint32_t now);
+  void measure(const Picture& picture, const Picture* before, uint32_t now);
+  bool isCheap(int32_t count) const;
+  static size_t kindOf(const Cell& cell, int32_t offset);
   float bitsOf(const Cell& cell, int32_t offset) const;
   Bits bitsOf(const Damage& cells, int32_t offset) const;
   void learn(const Bits& bits, double actual);
@@ -156,7 +161,8 @@ class QualityControl {
   bool isWorthCopying(const service::RegionCopy& copy, int32_t offset) const;
   void takeCopies(std::span<const service::RegionCopy> candidates, uint32_t now, QualityPlan& plan);
   void list(Damage& cells, int32_t offset, size_t limit, QualityPlan& plan);
-  void markChanged(int32_t column, int32_t row, int32_t offset, uint32_t now);
+  void seal(QualityPlan& plan);
+  void markCoded(int32_t column, int32_t row, int32_t offset);
 
   int32_t goal_ = kDefaultQuality;
   double rate_ = 0;  // bytes a second
@@ -167,13 +173,16 @@ class QualityControl {
   double unacknowledged_ = 0;
   Time roundTrip_{};
   std::deque<Pending> pending_;
-  Bits factors_ = {1.3F, 1.3F, 1.3F, 1.3F, 1.3F, 1.3F};
+  Bits factors_ = {1.3F, 1.3F, 0.15F, 0.15F, 1.3F, 1.3F};
   std::vector<float> bitsByStep_;
 
   std::vector<Cell> cells_;
-  Damage unsealed_;
+  Damage unfinished_;  // coarser than the goal, or not sealed
+  Damage sealed_;
   uint32_t changedAt_ = 0;  // the last change of any cell
+  int32_t moved_ = 0;       // of what changes now, the cells that only moved
   bool runsOn_ = false;     // most of what changes did so just before
+  int32_t offset_ = 0;      // of what changed in the last frame
   bool startAnew_ = true;
   // Of the picture being planned; members for their memory.
   Damage changing_;

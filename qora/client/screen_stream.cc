@@ -101,7 +101,9 @@ int32_t ScreenStream::plan(Time now, Time interval) {
   if (settings_.rateControl == RateControl::encoder) {
     plan_.step = planForEncoder();
   } else {
-    control_.plan(now, changed_, cells_.coded(present_), copies_, keyFrameWanted_, plan_);
+    const Picture before = sent_ == -1 ? Picture{} : cells_.coded(sent_);
+    control_.plan(now, changed_, cells_.coded(present_), sent_ == -1 ? nullptr : &before, copies_,
+                  keyFrameWanted_, plan_);
   }
   copies_.clear();
   silent_ = plan_.step == QualityStep::silent;

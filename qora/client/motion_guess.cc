@@ -1,0 +1,96 @@
+#include "qora/client/motion_guess.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdlib>
+#include <vector>
+
+namespace qora::client {
+namespace {
+
+constexpr int32_t kReachAcross = 48;
+constexpr int32_t kReachDown = 64;
+constexpr int32_t kPlaces = 2 * kReachAcross + 1;  // in a row
+constexpr int32_t kFewest = 24;                    // changed cells that may have moved
+constexpr int32_t kMostSamples = 12;
+constexpr uint32_t kTrace = 256;  // luma differences of a cell: one a pixel
+// A cell with less contrast than this fits nearly anywhere.
+constexpr uint32_t kDistinct = 1024;
+
+uint32_t rowDifference(const uint8_t* a, const uint8_t* b) {
+  uint32_t sum = 0;
+  for (int32_t x = 0; x < kMacroblockSize; ++x) sum += static_cast<uint32_t>(std::abs(a[x] - b[x]));
+  return sum;
+}
+
+const uint8_t* pixel(const Picture& picture, int32_t x, int32_t y) {
+  return picture.plane[0] + static_cast<ptrdiff_t>(y) * picture.stride[0] + x;
+}
+
+bool isInside(const Picture& picture, int32_t x, int32_t y) {
+  return x >= 0 && y >= 0 && x + kMacroblockSize <= picture.width &&
+         y + kMacroblockSize <= picture.height;
+}
+
+bool isDistinct(const Picture& picture, int32_t x, int32_t y) {
+  uint32_t contrast = 0;
+  for (int32_t line = 1; line < kMacroblockSize; ++line) {
+    contrast += rowDifference(pixel(picture, x, y + line), pixel(picture, x, y + line - 1));
+  }
+  return contrast >= kDistinct;
+}
+
+struct Cell {
+  int32_t column, row;
+};
+
+// A few of the changed cells, all over the picture, that fit one place only.
+std::vector<Cell> chooseSamples(const Picture& picture, const Damage& changed) {
+  std::vector<Cell> samples;
+  const int32_t count = changed.count();
+  if (count < kFewest) return samples;
+  int32_t number = 0;
+  int32_t next = 0;  // the number of the cell from which on another one is looked for
+  changed.forEachCell([&](int32_t column, int32_t row) {
+    const int32_t x = column * kMacroblockSize;
+    const int32_t y = row * kMacroblockSize;
+    if (number++ < next || !isInside(picture, x, y) || !isDistinct(picture, x, y)) return;
+    samples.push_back({column, row});
+    next = number + count / kMostSamples;
+  });
+  return samples;
+}
+
+}  // namespace
+
+bool hasMoved(const Picture& before, const Picture& after, int32_t column, int32_t row,
+              const Motion& motion) {
+  const int32_t x = column * kMacroblockSize;
+  const int32_t y = row * kMacroblockSize;
+  if (!isInside(after, x, y) || !isInside(before, x + motion.dx, y + motion.dy)) return false;
+  uint32_t difference = 0;
+  for (int32_t line = 0; line < kMacroblockSize && difference <= kTrace; ++line) {
+    difference += rowDifference(pixel(after, x, y + line),
+                                pixel(before, x + motion.dx, y + motion.dy + line));
+  }
+  return difference <= kTrace;
+}
+
+Motion guessMotion(const Picture& before, const Picture& after, const Damage& changed) {
+  const std::vector<Cell> samples = chooseSamples(after, changed);
+  std::vector<int8_t> votes(static_cast<size_t>(kPlaces * (2 * kReachDown + 1)));
+  for (const Cell& sample : samples) {
+    auto vote = votes.begin();
+    for (int32_t dy = -kReachDown; dy <= kReachDown; ++dy) {
+      for (int32_t dx = -kReachAcross; dx <= kReachAcross; ++dx, ++vote) {
+        *vote += hasMoved(before, after, sample.column, sample.row, {dx, dy}) ? 1 : 0;
+      }
+    }
+  }
+  const auto most = std::max_element(votes.begin(), votes.end());
+  if (*most == 0 || *most <= static_cast<int32_t>(samples.size()) / 4) return {};
+  const auto place = static_cast<int32_t>(most - votes.begin());
+  return {place % kPlaces - kReachAcross, place / kPlaces - kReachDown};
+}
+
+}  // namespace qora::client
