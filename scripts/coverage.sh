@@ -7,7 +7,7 @@
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
-scripts/build.sh coverage tests long
+scripts/build.sh coverage tests coverage
 build=build/coverage
 find "$build" -name '*.gcda' -delete
 # What kills may meet the calls that write the counts: what it loses is counted again by all that

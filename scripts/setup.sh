@@ -27,7 +27,7 @@ declare -rA groups=(
     xdotool"
   [ci]="clang clang-format-14"
   [fuzz]="clang libclang-rt-14-dev llvm-14" # the fuzzing engine; readable traces of what it finds
-  [long]="valgrind gcovr"
+  [coverage]="gcovr"
   [benchmarks]="libbenchmark-dev x264 ffmpeg gnuplot-nox"
 )
 

@@ -10,7 +10,7 @@ if [[ ! ${1:-} =~ ^[1-9][0-9]*$ ]]; then
   sed -n '2,5s/^# //p' "${BASH_SOURCE[0]}" >&2
   exit 2
 fi
-scripts/build.sh release
+scripts/build.sh release tests fuzz
 status=0
 QORA_SECONDS=$(($1 / 2)) ctest --preset release --label-regex 'long|soak' --parallel 2 \
   --no-tests=error || status=1

@@ -10,7 +10,7 @@ from harness import (Counts, Service, add, attach, encode, library, rectangle, r
 def reported(commands, cells, **options):
     """(key frame, quantizer, what the encoder was given, {cell: quantizer offset} of the changed
     cells, the offsets of the others) of each frame."""
-    ending = run(commands, script=f"tell={cells}", **options)
+    ending = run(commands, script=f"report={cells}", **options)
     assert ending.status == 0
     found = []
     for reply in replies(ending.output):

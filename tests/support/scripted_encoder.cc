@@ -3,7 +3,7 @@
 //   preset, profile, open  other than 0: refused                     (0)
 //   encode   the result, and the payload's size, up to 1 MiB         (100)
 //   planes   so many frames have a reconstruction                    (0)
-//   tell     the payload is a text of what the encoder was given: where the parameter block has its
+//   report   the payload is a text of what the encoder was given: where the parameter block has its
 //            aq mode, the picture, so many cells of the maps         (0)
 //   errno    what every failure leaves                               (0)
 // The payload of frame n is the bytes n, n + 1, n + 2, ... It has the open function of every build,
@@ -44,7 +44,7 @@ int32_t resultOf(const char* function) {
 }
 
 // The size of the text.
-int32_t tell(ScriptedEncoder& encoder, const x264_picture_t& in) {
+int32_t report(ScriptedEncoder& encoder, const x264_picture_t& in) {
   const auto& [type, count, stride, plane] = in.img;
   int32_t size =
       sprintf(encoder.text,
@@ -68,7 +68,7 @@ void* x264_encoder_open_142(void* param) {
   if (encoder == nullptr) return nullptr;
   encoder->size = scripted("encode", 100);
   encoder->framesWithPlanes = scripted("planes", 0);
-  encoder->cells = scripted("tell", 0);
+  encoder->cells = scripted("report", 0);
   for (int32_t at = 704; at <= 716; at += 4) {  // by layout; it is set to 1
     if (static_cast<const int32_t*>(param)[at / 4] == 1) encoder->aqModeAt = at;
   }
@@ -110,7 +110,7 @@ int x264_encoder_encode(void* handle, x264_nal_t** nals, int* count, x264_pictur
                         x264_picture_t* out) {
   auto* encoder = static_cast<ScriptedEncoder*>(handle);
   encoder->nal.p_payload = pattern + encoder->frames % 256;
-  const int32_t size = encoder->cells > 0 ? tell(*encoder, *in) : encoder->size;
+  const int32_t size = encoder->cells > 0 ? report(*encoder, *in) : encoder->size;
   out->b_keyframe = encoder->frames == 0 ? 0x101 : 0;  // of which a reply has room for a byte
   const bool planes = encoder->frames < encoder->framesWithPlanes;
   for (int plane = 0; plane < 2; ++plane) {
