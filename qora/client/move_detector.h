@@ -6,8 +6,11 @@
 // colour samples (by an odd distance, in coloured content) the part is not copied but coded.
 //
 // How a frame with copies is sent: the copied macroblocks are listed first, at an offset at which
-// the encoder leaves them alone, then what remains. Never with a key frame. A standard decoder
-// cannot follow; one that makes the same copies can, see region_copies.h.
+// the encoder leaves them alone, then what remains. Never with a key frame. The encoder keeps that
+// offset: where something beside them changes in a later frame, copied macroblocks that stay still
+// are listed again at their real offset, for next to no bytes. Unlisted they may be coded by the
+// stored one, along with their neighbours' motion, and look it. A standard decoder cannot follow;
+// one that makes the same copies can, see region_copies.h.
 #pragma once
 
 #include <cstddef>
@@ -113,7 +116,7 @@ inline constexpr int32_t kUnseenTolerance = 4;
 // those macroblocks.
 int32_t adoptMoves(const Picture& before, const Picture& picture, const Moves& moves, Damage& owed);
 
-// The steps of the search that read every changed pixel.
+// The steps of the search that read every changed pixel. The plain ones are the measure.
 
 // Like markDifferentBlocks() with blocks of 8, for differences above the tolerance.
 void markDistantBlocks(const uint8_t* before, const uint8_t* after, int32_t bytes,
@@ -121,10 +124,9 @@ void markDistantBlocks(const uint8_t* before, const uint8_t* after, int32_t byte
 void markDistantBlocksPlain(const uint8_t* before, const uint8_t* after, int32_t bytes,
                             int32_t tolerance, uint8_t* distant);
 
-// Sets bit i % 64 of marks[i / 64] where the
-// 16 samples from upper[i] on and those from lower[i] on make an anchor, clears it elsewhere; i
-// from 0 to count - 1. About one place in 256 is one, none where the first 8 upper samples are
-// equal. Reads count + 15 samples of each row. The plain one is the measure.
+// Sets bit i % 64 of marks[i / 64] where the 16 samples from upper[i] on and those from lower[i] on
+// make an anchor, clears it elsewhere; i from 0 to count - 1. About one place in 256 is one, none
+// where the first 8 upper samples are equal. Reads count + 15 samples of each row.
 void markAnchors(const uint8_t* upper, const uint8_t* lower, int32_t count, uint64_t* marks);
 void markAnchorsPlain(const uint8_t* upper, const uint8_t* lower, int32_t count, uint64_t* marks);
 
