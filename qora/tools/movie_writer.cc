@@ -11,6 +11,8 @@ extern "C" {
 #include <algorithm>
 #include <cstring>
 
+#include "qora/client/sequence_parameters.h"
+
 namespace qora::tools {
 namespace {
 
@@ -18,6 +20,7 @@ using Time = MovieWriter::Time;
 
 constexpr Time kFragment{500'000};
 constexpr Time kStep{1000};  // one unit of a Matroska file's clock
+constexpr uint8_t kParameterSetTypes[] = {7, 8};
 constexpr AVRational kMicroseconds{1, 1'000'000};
 constexpr AVRational kMilliseconds{1, 1000};
 
@@ -40,30 +43,23 @@ const Container* containerOf(const std::string& path) {
   return nullptr;
 }
 
-// Where the NAL unit after `from` has its start code of three bytes; the end if there is none.
-size_t nextStartCode(std::span<const uint8_t> bytes, size_t from) {
-  for (size_t at = from; at + 3 < bytes.size(); ++at) {
-    if (bytes[at] == 0 && bytes[at + 1] == 0 && bytes[at + 2] == 1) return at;
+// Both parameter sets with start codes: the library makes of them what the container wants.
+std::vector<uint8_t> parameterSets(std::span<const uint8_t> accessUnit) {
+  std::vector<uint8_t> sets;
+  for (const uint8_t type : kParameterSetTypes) {
+    const auto set = client::findNalUnit(accessUnit, client::NalFraming::startCodes, type);
+    sets.insert(sets.end(), {0, 0, 0, 1});
+    sets.insert(sets.end(), set.begin(), set.end());
   }
-  return bytes.size();
+  return sets;
 }
 
-// Everything in front of the picture itself: the parameter sets.
-std::span<const uint8_t> headersOf(std::span<const uint8_t> accessUnit) {
-  for (size_t at = nextStartCode(accessUnit, 0); at < accessUnit.size();
-       at = nextStartCode(accessUnit, at + 3)) {
-    const int32_t type = accessUnit[at + 3] & 0x1f;
-    if (type >= 1 && type <= 5) return accessUnit.first(at);
-  }
-  return accessUnit;
-}
-
-int32_t fillParameters(AVCodecParameters& parameters, std::span<const uint8_t> headers) {
-  void* copy = ::av_mallocz(headers.size() + AV_INPUT_BUFFER_PADDING_SIZE);
+int32_t fillParameters(AVCodecParameters& parameters, const std::vector<uint8_t>& sets) {
+  void* copy = ::av_mallocz(sets.size() + AV_INPUT_BUFFER_PADDING_SIZE);
   if (copy == nullptr) return AVERROR(ENOMEM);
-  std::memcpy(copy, headers.data(), headers.size());
+  std::memcpy(copy, sets.data(), sets.size());
   parameters.extradata = static_cast<uint8_t*>(copy);
-  parameters.extradata_size = static_cast<int>(headers.size());
+  parameters.extradata_size = static_cast<int>(sets.size());
   parameters.color_range = AVCOL_RANGE_MPEG;
   parameters.color_primaries = AVCOL_PRI_BT709;
   parameters.color_space = AVCOL_SPC_BT709;
@@ -120,7 +116,7 @@ int32_t MovieWriter::open(const std::string& path, int32_t width, int32_t height
 }
 
 int32_t MovieWriter::begin(std::span<const uint8_t> accessUnit) {
-  const int filled = fillParameters(*stream_->codecpar, headersOf(accessUnit));
+  const int filled = fillParameters(*stream_->codecpar, parameterSets(accessUnit));
   if (filled < 0) return fail(filled);
   const Container* container = containerOf(path_);
   AVDictionary* options = nullptr;

@@ -9,6 +9,7 @@
 #include <cstdio>
 
 #include "qora/base/error_text.h"
+#include "qora/client/sequence_parameters.h"
 #include "qora/tools/interrupt.h"
 #include "qora/tools/service_paths.h"
 
@@ -20,6 +21,7 @@ using std::chrono::microseconds;
 constexpr int32_t kDefaultKeyInterval = 10;  // seconds, where somebody will seek
 constexpr microseconds kProgressInterval{1'000'000};
 constexpr int32_t kStream = 0;
+constexpr uint8_t kSrgbTransfer = 13;
 constexpr int32_t kEnd = 2;  // a step's result: the recording is over
 
 double secondsOf(const timeval& time) {
@@ -252,17 +254,28 @@ RecordSession::Time RecordSession::timeOfFrame() {
   return std::max(isNew ? given : now() - frame_.roundTrip, lastFrame_ + Time{1000});
 }
 
+// The encoder's own parameter sets promise 25 frames a second and say nothing of colour.
+std::span<const uint8_t> RecordSession::trueAccessUnit() {
+  if (!frame_.keyFrame) return frame_.bytes;
+  const client::SequenceFacts facts{.rateNumerator = static_cast<uint32_t>(options_.framesASecond),
+                                    .transfer = kSrgbTransfer,
+                                    .chromaLocation = 1};
+  const bool rewritten = client::rewriteSequenceParameters(
+                             frame_.bytes, client::NalFraming::startCodes, facts, rewritten_) == 1;
+  return rewritten ? rewritten_ : frame_.bytes;
+}
+
 int32_t RecordSession::writeFrame(Time time) {
   const RecordedFrame recorded{.time = time,
                                .keyFrame = frame_.keyFrame,
-                               .accessUnit = frame_.bytes,
+                               .accessUnit = trueAccessUnit(),
                                .copies = frame_.copies};
   if (output_->write(recorded) == -1) return fail(output_->problem());
   lastFrame_ = time;
   if (frame_.keyFrame) lastKey_ = time;
   ++framesSinceStart_;
   ++frames_;
-  bytes_ += static_cast<int64_t>(frame_.bytes.size());
+  bytes_ += static_cast<int64_t>(recorded.accessUnit.size());
   encodeSeconds_ += frame_.encodeMilliseconds / 1000.0;
   macroblocks_ += changed_.columns() * changed_.rows();
   changedCount_ += macroblocksIn(frame_.rectangles);

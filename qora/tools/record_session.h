@@ -9,7 +9,9 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <string>
+#include <vector>
 
 #include "qora/capture/screen.h"
 #include "qora/client/move_detector.h"
@@ -62,6 +64,7 @@ class RecordSession {
   void findMoves();
   int32_t takeFrames(int32_t timeout);
   int32_t restartService();
+  std::span<const uint8_t> trueAccessUnit();
   int32_t writeFrame(Time time);
   Time timeOfFrame();
   int32_t finish();
@@ -82,6 +85,7 @@ class RecordSession {
   client::MoveDetector detector_;
   client::Moves moves_;
   client::CodedFrame frame_;
+  std::vector<uint8_t> rewritten_;  // its access unit, where it has parameter sets
   ProgressLine progress_;
 
   capture::ScreenSize size_{0, 0};
