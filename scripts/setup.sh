@@ -18,7 +18,8 @@ declare -rA groups=(
     pkg-config
     libgtest-dev libgmock-dev python3-pytest
     libavcodec-dev libavutil-dev libswscale-dev
-    git strace bubblewrap"
+    ffmpeg xvfb xterm xdotool x11-apps x11-xserver-utils
+    git strace bubblewrap" # recordings of a real screen
   [packages]="scdoc dpkg-dev lintian" # manual pages, and what cpack and its checks call
   [demo]="
     ffmpeg
