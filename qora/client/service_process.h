@@ -19,8 +19,8 @@
 namespace qora::client {
 
 struct ServiceOptions {
-  std::string servicePath;            // the program, not searched for
-  std::string codecRoot;              // the service's QORA_SYSTEM; empty: as in our own environment
+  std::string servicePath = {};       // the program, not searched for
+  std::string codecRoot = {};         // the service's QORA_SYSTEM; empty: as in our own environment
   int32_t errorDescriptor = -1;       // where its diagnostics go; -1: our standard error
   std::string sandboxPath = {};       // qora-sandbox, which is to run it; empty: it runs freely
   int32_t commandTimeout = 10000;     // milliseconds for a command to be taken; -1: without end
