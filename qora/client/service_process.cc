@@ -27,7 +27,8 @@ constexpr size_t kLogRest = 1 << 20;  // of what a service left behind, at most
 constexpr std::chrono::microseconds kReapInterval{200};
 constexpr std::chrono::milliseconds kKillGrace{2000};  // the kernel's, to end what was killed
 
-// Moves the descriptor above the standard ones, which the service's own ends replace in the child.
+// Moves a descriptor of ours above the standard ones: a parent that has closed those may still
+// write to them.
 int32_t aboveStandard(Descriptor& descriptor) {
   if (descriptor.get() > STDERR_FILENO) return 1;
   const int moved = ::fcntl(descriptor.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
@@ -173,7 +174,7 @@ int32_t ServiceProcess::start(const ServiceOptions& options) {
 
 int32_t ServiceProcess::openWake() {
   wake_.reset(::epoll_create1(EPOLL_CLOEXEC));
-  if (wake_.get() == -1) return -1;
+  if (wake_.get() == -1 || aboveStandard(wake_) == -1) return -1;
   const std::pair<int32_t, uint32_t> ends[] = {
       {replies_.get(), EPOLLIN}, {log_.get(), EPOLLIN}, {commands_.get(), 0}};
   for (const auto& [end, events] : ends) {

@@ -190,7 +190,8 @@ TEST_F(Start, Descriptors) {
   const int32_t rows[][3] = {{60, 61, 62}, {-1, -1, -1}, {0, 1, 2}, {-1, 61, 61}, {60, 61, 60}, {60, 60, -1},
       {60, 60, 60}, {-1, 1, 1}, {60, 60, 0}, {60, 0, -1}};
   const char* const shown[] = {"a b c none none none", "in out err a b c", "in out err a b c", "in b b a none c",
-      "a b a none none c", "a a err none b c", "a a a none b c", "in out out a b c", "a a a none b c", "a a err none b c"};
+      "a b a none none c", "a a err none b c", "a a a none b c", "in out out a b c", "a a a none b c",
+      "a a err none b c"};
   for (size_t row = 0; row < std::size(rows); ++row) {
     inChild([&] {
       for (int32_t n = 0; n < 6; ++n) ::dup2(::memfd_create(names[n], MFD_CLOEXEC), n < 3 ? n : 57 + n);

@@ -200,6 +200,14 @@ TEST(CodecClientTest, RefusesWhatCannotBeStarted) {
   expectError(EPIPE, client.process());
 }
 
+// Otherwise each frame would be taken for the next one's.
+TEST(CodecClientTest, NoticesAReplyTooManyBetweenFrames) {
+  CodecClient client;
+  ASSERT_EQ(1, startPeer(client, "answers before it is asked"));
+  while (client.removeStream(0) == 1) usleep(1000);
+  EXPECT_EQ(EPROTO, errno);
+}
+
 // Between frames, when no reply is due and nobody calls.
 TEST(CodecClientTest, WakesWhenTheServiceEnds) {
   CodecClient client;
@@ -239,6 +247,10 @@ std::string tellFrom(const Surroundings& row) {
   if (startPeer(client, "tells", options) == -1 || client.encode({}, {}, {}) == -1 ||
       client.readReply(reply) == -1) {
     return client.endText();
+  }
+  // What the parent writes there goes nowhere, and never to the service.
+  for (int fd = 0; fd < 3 && !row.standard; ++fd) {
+    if (fd != row.errorDescriptor && fcntl(fd, F_GETFD) != -1) return "ours on a standard one";
   }
   client.stop();
   char line[4] = {};
