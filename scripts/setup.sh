@@ -13,7 +13,8 @@ declare -rA groups=(
     pkg-config
     libseccomp-dev
     libxcb1-dev libxcb-damage0-dev libxcb-shm0-dev libxcb-xfixes0-dev
-    libavformat-dev libavcodec-dev libavutil-dev" # the sandbox's filter; what qora-record films and writes with
+    libavformat-dev libavcodec-dev libavutil-dev
+    libswscale-dev libsdl2-dev" # the sandbox's filter; what qora-record films and writes with; what qora-view shows with
   [tests]="
     pkg-config
     libgtest-dev libgmock-dev python3-pytest
