@@ -65,7 +65,10 @@ struct Rectangle {
 inline constexpr uint8_t kChromaDownFlag = 0x02;   // the chroma source moves one chroma row down
 inline constexpr uint8_t kChromaRightFlag = 0x04;  // and one chroma sample right
 
-// Content that moved, in pixels: what the last picture had at the source, this one has here.
+// Content that moved, in pixels: what the last picture had at the source, this one has here. It is
+// read from the last reconstruction and written into this one after encoding, and the coded bytes
+// say nothing of it: standard decoders cannot follow, and whoever decodes makes the same copy in
+// its own output before the next access unit. Both regions stay 2 pixels off the picture's edge.
 struct RegionCopy {
   uint8_t flags;
   uint16_t sourceX, sourceY, destinationX, destinationY, width, height;
