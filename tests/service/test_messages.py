@@ -111,10 +111,11 @@ CASES = [
          lambda S: attach(S) + attach(S) + detach(S) + detach(-1)),
     case("remove of another", 0, "CodecSegment: ERROR! Cannot remove unknow segment id 77.",
          lambda S: attach(S) + detach(77)),
-    case("a detach that fails goes on", 0,
+    case("a detach that fails goes on and leaves its errno", 1,
          ["CodecSegment: ERROR! Failed to detach from segment id {S} with address 0x<hex>.",
-          "CodecSegment: ERROR! Error is 1 'Operation not permitted'.", EMPTY_SLOT],
-         lambda S: attach(S) + detach(S) + remove(7), fault="shmdt=1:1"),
+          "CodecSegment: ERROR! Error is 1 'Operation not permitted'.",
+          "CodecFrame: ERROR! Cannot remove invalid stream ID#8."],
+         lambda S: attach(S) + detach(S) + remove(8), fault="shmdt=1:1"),
 
     # --- Loading
     case("no variable", 0, [NO_VARIABLE] * 2 + [NO_LIBRARY], environment={"QORA_SYSTEM": None}),
