@@ -383,7 +383,9 @@ void MoveDetector::match(const MoveSearch& search, const MoveDistance& distance,
     way.cells.intersect(left);
     left.subtract(way.cells);
   }
-  if (before - left.count() < kFewestMoved) return;
+  // Of a move that is mostly in between chroma samples the encoder makes more than copies do: they
+  // would take its neighbours' motion away from it.
+  if (before - left.count() < std::max(kFewestMoved, before / 2)) return;
   for (MoveWay& way : ways) {
     if (way.cells.isEmpty()) continue;
     remaining.subtract(way.cells);

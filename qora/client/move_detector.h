@@ -68,7 +68,8 @@ class MoveDetector {
   //   changed        macroblocks that really differ, see Damage::refine(); of the pictures' size.
   //   unfit          macroblocks of `before` that no copy may read: too coarsely coded to be kept.
   //                  Null: all are fit.
-  //   tolerance      how far a chroma sample may be off. With more than 0, adoptMoves() has to
+  //   tolerance      how far a chroma sample may be off; kUnseenTolerance is a good choice. With
+  //   more than 0, adoptMoves() has to
   //                  follow: the copies are exact for the picture that it makes of `after`.
   // Returns the number of changed macroblocks that are covered. About a millisecond when all of
   // 1920x1080 moved, nothing when little changed.

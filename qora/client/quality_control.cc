@@ -26,6 +26,7 @@ constexpr double kRefineBelow = 20;     // and nothing while more than this is q
 constexpr int32_t kSmallChange = 200;  // cells
 constexpr int32_t kFewCells = 64;
 constexpr size_t kMostSealed = 512;  // rectangles, so that there is always room for changes
+constexpr size_t kMostGuarded = 256;
 constexpr size_t kMostRefined = 1024;
 constexpr int32_t kMudTolerance = 6;  // a copy's source may be that much coarser than coding it
 constexpr int32_t kOffsetStep = 2;
@@ -195,6 +196,7 @@ void QualityControl::plan(Time now, const Damage& changed, const Picture& pictur
 
   // Not beside what changes: the encoder would skip the cell along with its neighbours' motion.
   if (changing_.isEmpty() && plan.copies.empty()) seal(plan);
+  if (!whole) guardSealed(plan);
   list(refined_, goal, kMostRefined, plan);
   refined_.forEachCell([&](int32_t x, int32_t y) {
     markCoded(x, y, goal);
@@ -512,6 +514,33 @@ void QualityControl::seal(QualityPlan& plan) {
   still_.unsealed.forEachCell([this](int32_t column, int32_t row) {
     if (offsetOf(column, row) <= goal_) unfinished_.reset(column, row);
   });
+}
+
+// A sealed cell beside what changes is listed at what it was coded at. Left alone it would be coded
+// by the sealing offset, along with its neighbours' motion, as soon as that is not none: text out
+// of place, which a later copy would carry on.
+void QualityControl::guardSealed(QualityPlan& plan) {
+  guarded_ = changing_;
+  guarded_.add(refined_);
+  for (const service::RegionCopy& copy : plan.copies) {
+    guarded_.add({copy.destinationX, copy.destinationY, copy.width, copy.height});
+  }
+  const Damage inner = guarded_;
+  guarded_.grow();
+  guarded_.intersect(sealed_);
+  guarded_.subtract(inner);
+  while (!guarded_.isEmpty()) {
+    // All that were coded alike, at once.
+    int32_t offset = kNeverCoded;
+    guarded_.forEachCell([&](int32_t x, int32_t y) { offset = std::min(offset, offsetOf(x, y)); });
+    Damage alike(guarded_.width(), guarded_.height());
+    guarded_.forEachCell([&](int32_t x, int32_t y) {
+      if (offsetOf(x, y) == offset) alike.set(x, y);
+    });
+    guarded_.subtract(alike);
+    list(alike, offset, kMostGuarded, plan);
+    alike.forEachCell([&](int32_t x, int32_t y) { markCoded(x, y, offsetOf(x, y)); });
+  }
 }
 
 void QualityControl::markCoded(int32_t column, int32_t row, int32_t offset) {

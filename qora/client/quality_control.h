@@ -162,6 +162,7 @@ class QualityControl {
   void takeCopies(std::span<const service::RegionCopy> candidates, uint32_t now, QualityPlan& plan);
   void list(Damage& cells, int32_t offset, size_t limit, QualityPlan& plan);
   void seal(QualityPlan& plan);
+  void guardSealed(QualityPlan& plan);
   void markCoded(int32_t column, int32_t row, int32_t offset);
 
   int32_t goal_ = kDefaultQuality;
@@ -187,6 +188,7 @@ class QualityControl {
   // Of the picture being planned; members for their memory.
   Damage changing_;
   Damage refined_;
+  Damage guarded_;
   Still still_;
   std::vector<service::Rectangle> listed_;
 };
