@@ -521,11 +521,11 @@ void QualityControl::seal(QualityPlan& plan) {
 // of place, which a later copy would carry on.
 void QualityControl::guardSealed(QualityPlan& plan) {
   guarded_ = changing_;
-  guarded_.add(refined_);
   for (const service::RegionCopy& copy : plan.copies) {
     guarded_.add({copy.destinationX, copy.destinationY, copy.width, copy.height});
   }
-  const Damage inner = guarded_;
+  Damage inner = guarded_;
+  inner.add(refined_);
   guarded_.grow();
   guarded_.intersect(sealed_);
   guarded_.subtract(inner);
