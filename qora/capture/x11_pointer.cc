@@ -7,9 +7,10 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr milliseconds kMoving{1000};  // so long after its last step it counts as moving
-constexpr milliseconds kLookWhileMoving{16};
-constexpr milliseconds kLookAtRest{50};
+// It is asked for less often the longer it stands still: after a twentieth of that time.
+constexpr int32_t kShareOfRest = 20;
+constexpr milliseconds kShortest{16};
+constexpr milliseconds kLongest{150};
 
 uint8_t mix(uint32_t source, uint32_t alpha, uint8_t below) {
   return static_cast<uint8_t>(std::min<uint32_t>(source + below * (255 - alpha) / 255, 255));
@@ -60,9 +61,10 @@ void X11Pointer::markDrawn() {
 }
 
 int32_t X11Pointer::nextLook() const {
-  const auto interval = lastLook_ - lastMove_ < kMoving ? kLookWhileMoving : kLookAtRest;
+  const auto rest = std::chrono::duration_cast<milliseconds>(lastLook_ - lastMove_);
+  const milliseconds interval = std::clamp(rest / kShareOfRest, kShortest, kLongest);
   const auto left = std::chrono::ceil<milliseconds>(lastLook_ + interval - Clock::now());
-  return static_cast<int32_t>(std::clamp(left, milliseconds{0}, kLookAtRest).count());
+  return static_cast<int32_t>(std::clamp(left, milliseconds{0}, kLongest).count());
 }
 
 }  // namespace qora::capture
