@@ -14,7 +14,8 @@ declare -rA groups=(
     libseccomp-dev
     libxcb1-dev libxcb-damage0-dev libxcb-shm0-dev libxcb-xfixes0-dev
     libavformat-dev libavcodec-dev libavutil-dev
-    libswscale-dev libsdl2-dev" # the sandbox's filter; what qora-record films and writes with; what qora-view shows with
+    libswscale-dev libsdl2-dev
+    libxcb-xtest0-dev libwebsockets-dev" # the sandbox's filter; live screens, movies, windows, browsers
   [tests]="
     pkg-config
     libgtest-dev libgmock-dev python3-pytest
@@ -27,6 +28,10 @@ declare -rA groups=(
     xvfb openbox x11-xserver-utils
     xterm x11-apps procps fonts-dejavu-core
     xdotool"
+  [live]="xvfb openbox x11-xserver-utils xterm x11-apps fonts-dejavu-core xdotool ffmpeg"
+  [browser]="
+    chromium chromium-driver xvfb x11-xserver-utils
+    python3-websocket python3-xlib python3-pil python3-numpy"
   [ci]="clang clang-format-14"
   [fuzz]="clang libclang-rt-14-dev llvm-14" # the fuzzing engine; readable traces of what it finds
   [coverage]="gcovr"

@@ -208,7 +208,8 @@ TEST(Process, DetachesFromTheTerminal) {
   ASSERT_EQ(::pipe(ends), 0);
   inChild([&] {
     const bool before = ::getsid(0) == ::getpid(), detached = detachFromTerminal() == 1;
-    ::write(ends[1], !before && detached && ::getsid(0) == ::getpid() ? "y" : "n", 1);
+    const bool leadsNow = !before && detached && ::getsid(0) == ::getpid();
+    if (::write(ends[1], leadsNow ? "y" : "n", 1) != 1) ::_exit(1);
   });
   EXPECT_EQ(::read(ends[0], &leads, 1), 1);
   EXPECT_EQ(leads, 'y');
