@@ -453,8 +453,9 @@ int32_t ScreenSession::readFrame(CodedFrame& frame, int32_t timeout) {
     const int32_t ready = process();
     if (ready == -1) return -1;
     if (ready > 0) continue;
+    // Without a service a parent's loop keeps its pace all the same.
     const bool isOver = timeout < 0 ? sent_.empty() : Clock::now() >= deadline;
-    if (isOver || !isRunning()) return 0;
+    if (isOver) return 0;
     pollfd wake = {replyDescriptor(), POLLIN, 0};
     ::poll(&wake, 1, shorter(this->timeout(), pollTimeout(deadline)));
   }

@@ -135,10 +135,11 @@ class ScreenSession {
   //   changed  what may differ from the picture given before, pixels, inside the picture; for
   //            encodeDamage() damage of the picture's size.
   //   copies   what moved exactly from the picture given before, destinations of whole macroblocks,
-  //            both sides at least two pixels inside the picture. Only for a viewer that makes the
-  //            copies of each CodedFrame in its own output: other decoders cannot follow. They are
-  //            left out, and their destinations coded, wherever they would be wrong: key frames,
-  //            pictures before that were not sent.
+  //            both sides at least kCopyEdge inside the picture, kMostCopies at most. Only for a
+  //            viewer that makes the copies of each CodedFrame in its own output (copyRegions),
+  //            from its last picture into this one before it decodes the next: other decoders
+  //            cannot follow. They are left out, and their destinations coded, wherever they would
+  //            be wrong: key frames, pictures before that were not sent.
   // 1: a frame is on its way. 0: not now; nothing changed, or it is kept and sent later. -1: the
   // picture is still the caller's. The end of the service is told by readFrame() and process().
   int32_t encode(int32_t stream, const Picture& picture, std::span<const Area> changed,

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "qora/client/changed_rectangles.h"
+#include "qora/client/move_detector.h"
 
 namespace qora::client {
 namespace {
@@ -11,7 +12,6 @@ namespace {
 // Beside the frames in flight: the present picture, the one sent last, and one to fill.
 constexpr int32_t kCellsBeside = 3;
 constexpr int64_t kBytesPerKilobit = 125;
-constexpr size_t kMostCopies = 64;
 // The encoder's own rate control has made a picture sharp when a frame's quantizer is no higher, or
 // will not any more after so many frames.
 constexpr int32_t kSharpQuantizer = 20;
@@ -75,7 +75,7 @@ void ScreenStream::give(int32_t cell, const Damage& changed,
   });
   for (const service::RegionCopy& copy : copies) change_.add(destinationOf(copy));
   changed_.add(change_);
-  copies = copies.first(canCopy ? std::min(copies.size(), kMostCopies) : 0);
+  copies = copies.first(canCopy ? std::min(copies.size(), size_t{kMostCopies}) : 0);
   copies_.assign(copies.begin(), copies.end());
   cells_.makePresent(cell, change_);
   if (present_ != -1) cells_.drop(present_);

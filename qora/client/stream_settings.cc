@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <limits>
 
+#include "qora/client/move_detector.h"
+
 namespace qora::client {
 namespace {
 
@@ -25,7 +27,7 @@ int32_t checkRange(const char* name, int32_t value, int32_t lowest, int32_t high
 
 // A side of a copy: pixels [start, start + length), `shift` more on the source's chroma.
 bool isInside(int32_t start, int32_t length, int32_t pixels, int32_t shift) {
-  return start >= kCopyMargin && start + length + shift <= pixels - kCopyMargin;
+  return start >= kCopyEdge && start + length + shift <= pixels - kCopyEdge;
 }
 
 // Why it cannot be made; null when it can.

@@ -15,7 +15,6 @@ namespace qora::client {
 inline constexpr int32_t kSmallestSide = 16;    // of a stream's picture, pixels
 inline constexpr int32_t kLargestSide = 16384;  // the encoder takes no more
 inline constexpr int32_t kLargestQuantizer = 51;
-inline constexpr int32_t kCopyMargin = 2;  // pixels between a copy and the picture's edge
 
 // Who decides how many bits a frame gets.
 enum class RateControl {
@@ -48,7 +47,7 @@ int32_t checkQuality(int32_t offset, std::string& problem);
 // Inside a picture of that size.
 int32_t checkAreas(std::span<const Area> areas, int32_t width, int32_t height,
                    std::string& problem);
-// Destinations of whole macroblocks, both sides at least kCopyMargin inside the picture.
+// Destinations of whole macroblocks, both sides at least kCopyEdge inside the picture.
 int32_t checkCopies(std::span<const service::RegionCopy> copies, int32_t width, int32_t height,
                     std::string& problem);
 

@@ -94,99 +94,60 @@ TEST_F(ScreenSessionTest, RefusesWhatWouldEndTheService) {
   Picture picture{}, other{}, given = page(0, 0);
   EXPECT_EQ(1, encode(0, given, {{all(given)}}));
   ASSERT_TRUE(acquire(0, picture) == 1 && acquire(7, other) == 1);
-  const auto changed = [&](auto change) {
-    Picture copy = picture;
-    change(copy);
-    return copy;
-  };
-  Picture forged[] = {changed([](Picture& p) { p.plane[2] += 64; }),
-                      changed([](Picture& p) { p.stride[1] = 1 << 20; }),
-                      changed([](Picture& p) { ++p.width; }),
-                      other,
-                      given,
-                      Picture{}};
-  const Damage small(64, 64);
-  const auto copied = [&](service::RegionCopy copy) { return encode(0, picture, {}, {{copy}}); };
-  const auto with = [&](auto change) {
-    StreamSettings settings{.id = 1, .width = 64, .height = 64};
-    change(settings);
-    return settings;
-  };
-  const struct {
-    const char* text;
-    int error;
-    std::function<int32_t()> call;
-  } cases[] = {
-      {"stream 8 is not from 0 to 7", EINVAL, [&] { return addStream({.id = 8}); }},
-      {"stream -1 is not from 0 to 7", EINVAL, [&] { return encode(-1, picture, {}); }},
-      {"stream 7 is in use", EBUSY,
-       [&] { return addStream({.id = 7, .width = 64, .height = 64}); }},
-      {"stream 3 is not in use", ENOENT, [&] { return removeStream(3); }},
-      {"stream 3 is not in use", ENOENT, [&] { return acquire(3, given); }},
-      {"width 15 is not from 16 to 16384", EINVAL,
-       [&] { return addStream(with([](auto& s) { s.width = 15; })); }},
-      {"height 16385 is not from 16 to 16384", EINVAL, [&] { return resize(0, 64, 16385); }},
-      {"bitrate 65536 is not from 1 to 65535", EINVAL,
-       [&] {
-         return addStream(with([](auto& s) {
-           s.rateControl = RateControl::encoder;
-           s.bitrate = 65536;
-         }));
-       }},
-      {"bitrate -1 is not from 0 to 2147483647", EINVAL, [&] { return setBitrate(0, -1); }},
-      {"highest quantizer 52 is not from 0 to 51", EINVAL,
-       [&] { return addStream(with([](auto& s) { s.highestQuantizer = 52; })); }},
-      {"highest quantizer 9 is not from 10 to 51", EINVAL,
-       [&] {
-         return addStream(with([](auto& s) {
-           s.lowestQuantizer = 10;
-           s.highestQuantizer = 9;
-         }));
-       }},
-      {"threads 129 is not from 0 to 128", EINVAL,
-       [&] { return addStream(with([](auto& s) { s.threads = 129; })); }},
-      {"quality 45 is not from -12 to 44", EINVAL, [&] { return setQuality(0, 45); }},
-      {"a picture of stream 0 is acquired", EBUSY, [&] { return resize(7, 80, 80); }},
-      {"a picture of stream 0 is acquired", EBUSY, [&] { return removeStream(7); }},
-      {"the damage is that of a picture of another size", EINVAL,
-       [&] { return encodeDamage(0, picture, small); }},
-      {"area 1, 2x9 at 100,0, is not inside the picture of 101x67", EINVAL,
-       [&] {
-         return encode(0, picture, {{{0, 0, 1, 1}, {100, 0, 2, 9}}});
-       }},
-      {"area 0, 2147483647x1 at 2147483647,0, is not inside the picture of 101x67", EINVAL,
-       [&] {
-         return encode(0, picture, {{{INT_MAX, 0, INT_MAX, 1}}});
-       }},
-      {"copy 0 is empty", EINVAL,
-       [&] {
-         return copied({0, 16, 16, 16, 16, 0, 16});
-       }},
-      {"copy 0 is not of whole macroblocks", EINVAL,
-       [&] {
-         return copied({0, 16, 16, 18, 16, 16, 16});
-       }},
-      {"copy 0 has unknown flags", EINVAL,
-       [&] {
-         return copied({8, 16, 16, 16, 16, 16, 16});
-       }},
-      {"copy 0 comes within 2 pixels of the picture's edge", EINVAL,
-       [&] {
-         return copied({0, 16, 16, 0, 16, 16, 16});
-       }},
-      {"copy 0 comes within 2 pixels of the picture's edge", EINVAL,
-       [&] {
-         return copied({service::kChromaRightFlag, 83, 16, 16, 16, 16, 16});
-       }},
-  };
-  for (const auto& [text, error, call] : cases) {
-    EXPECT_EQ(-1, call()) << text;
-    EXPECT_EQ(error, errno) << text;
+  const auto refused = [&](int32_t result, int error, const char* text) {
+    EXPECT_EQ(std::make_pair(-1, error), std::make_pair(result, errno)) << text;
     EXPECT_EQ(text, errorText());
+  };
+  refused(encode(-1, picture, {}), EINVAL, "stream -1 is not from 0 to 7");
+  refused(addStream({.id = 8}), EINVAL, "stream 8 is not from 0 to 7");
+  refused(addStream({.id = 7, .width = 64, .height = 64}), EBUSY, "stream 7 is in use");
+  refused(removeStream(3), ENOENT, "stream 3 is not in use");
+  refused(acquire(3, given), ENOENT, "stream 3 is not in use");
+  refused(resize(0, 64, 16385), EINVAL, "height 16385 is not from 16 to 16384");
+  refused(setBitrate(0, -1), EINVAL, "bitrate -1 is not from 0 to 2147483647");
+  refused(setQuality(0, 45), EINVAL, "quality 45 is not from -12 to 44");
+  refused(resize(7, 80, 80), EBUSY, "a picture of stream 0 is acquired");
+  refused(removeStream(7), EBUSY, "a picture of stream 0 is acquired");
+
+  const std::tuple<int32_t StreamSettings::*, int32_t, const char*> settings[] = {
+      {&StreamSettings::width, 15, "width 15 is not from 16 to 16384"},
+      {&StreamSettings::bitrate, 65536, "bitrate 65536 is not from 1 to 65535"},
+      {&StreamSettings::highestQuantizer, 52, "highest quantizer 52 is not from 10 to 51"},
+      {&StreamSettings::highestQuantizer, 9, "highest quantizer 9 is not from 10 to 51"},
+      {&StreamSettings::threads, 129, "threads 129 is not from 0 to 128"},
+      {&StreamSettings::framesInFlight, 0, "frames in flight 0 is not from 1 to 16"}};
+  for (const auto& [field, value, text] : settings) {
+    StreamSettings wrong{.id = 1, .width = 64, .height = 64, .lowestQuantizer = 10};
+    wrong.rateControl = RateControl::encoder;
+    wrong.*field = value;
+    refused(addStream(wrong), EINVAL, text);
   }
+
+  Picture forged[] = {picture, picture, picture, other, given, Picture{}};
+  forged[0].plane[2] += 64;
+  forged[1].stride[1] = 1 << 20;
+  ++forged[2].width;
   for (const Picture& wrong : forged) {
-    EXPECT_EQ(-1, encode(0, wrong, {}));
-    EXPECT_EQ("the picture is not one that was acquired for stream 0", errorText());
+    refused(encode(0, wrong, {}), EINVAL, "the picture is not one that was acquired for stream 0");
+  }
+  const std::pair<Area, const char*> areas[] = {
+      {{100, 0, 2, 9}, "area 1, 2x9 at 100,0, is not inside the picture of 101x67"},
+      {{0, 0, -1, 1}, "area 1, -1x1 at 0,0, is not inside the picture of 101x67"},
+      {{0, INT_MAX, 1, INT_MAX},
+       "area 1, 1x2147483647 at 0,2147483647, is not inside the picture of 101x67"}};
+  for (const auto& [area, text] : areas) {
+    refused(encode(0, picture, {{{0, 0, 101, 67}, area}}), EINVAL, text);
+  }
+  refused(encodeDamage(0, picture, Damage(64, 64)), EINVAL,
+          "the damage is that of a picture of another size");
+  const std::pair<service::RegionCopy, const char*> copies[] = {
+      {{0, 16, 16, 16, 16, 0, 16}, "copy 0 is empty"},
+      {{0, 16, 16, 18, 16, 16, 16}, "copy 0 is not of whole macroblocks"},
+      {{8, 16, 16, 16, 16, 16, 16}, "copy 0 has unknown flags"},
+      {{0, 16, 16, 0, 16, 16, 16}, "copy 0 comes within 2 pixels of the picture's edge"},
+      {{4, 83, 16, 16, 16, 16, 16}, "copy 0 comes within 2 pixels of the picture's edge"}};
+  for (const auto& [copy, text] : copies) {
+    refused(encode(0, picture, {}, {{copy}}), EINVAL, text);
   }
   for (const Picture& taken : {picture, page(0, 1), page(0, 2)}) encode(0, taken, {});
   show();
