@@ -82,7 +82,7 @@ class Decoder {
             std::pow(sampleOf(*present_, 0, x, y) - picture.plane[0][y * picture.stride[0] + x], 2);
     return sum / (picture.width * picture.height);
   }
-  int width() const { return present_ == nullptr ? 0 : present_->width; }
+  int luma(int x, int y) const { return present_->data[0][y * present_->linesize[0] + x]; }
   // Moves content from the picture before into the present one.
   void copy(const std::vector<service::RegionCopy>& copies) {
     if (previous_ == nullptr) return;
