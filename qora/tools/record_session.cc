@@ -20,6 +20,7 @@ using std::chrono::microseconds;
 
 constexpr int32_t kDefaultKeyInterval = 10;  // seconds, where somebody will seek
 constexpr microseconds kProgressInterval{1'000'000};
+constexpr microseconds kPaymentInterval{200'000};
 constexpr int32_t kStream = 0;
 constexpr uint8_t kSrgbTransfer = 13;
 constexpr int32_t kEnd = 2;  // a step's result: the recording is over
@@ -135,6 +136,7 @@ int32_t RecordSession::step() {
   const Time time = now();
   if (started_ && options_.duration.count() > 0 && time >= options_.duration) return kEnd;
   if (time >= output_->flushDue() && output_->flush(time) == -1) return fail(output_->problem());
+  payDebt();
   if (time < nextPicture_) return 1;
   const int32_t looked = lookAtScreen();
   if (looked != 1 || !damaged_) return looked;
@@ -145,7 +147,7 @@ int32_t RecordSession::step() {
 int32_t RecordSession::lookAtScreen() {
   const int32_t found = screen_->dispatch();
   if (found == -1) return failScreen();
-  damaged_ = found == 1;
+  damaged_ = found == 1 || !due_.isEmpty();
   return screen_->size() == size_ ? 1 : changeSize();
 }
 
@@ -165,7 +167,10 @@ int32_t RecordSession::changeSize() {
                                                   .quality = options_.quality,
                                                   .threads = options_.threads});
   if (set == -1) return fail(session_.errorText());
-  changed_.resize(size_.width, size_.height);
+  for (client::Damage* cells : {&changed_, &owed_, &owedLately_, &due_}) {
+    cells->resize(size_.width, size_.height);
+  }
+  nextPayment_ = Time::max();
   first_ = true;
   lastPicture_ = -1;
   const auto settled = output_->setSize(size_.width, size_.height, time);
@@ -185,10 +190,11 @@ int32_t RecordSession::acquirePicture() {
 
 int32_t RecordSession::capture() {
   const Time time = now();
-  const int32_t read = reader_.read(*screen_, picture_, changed_);
+  const int32_t read = reader_.read(*screen_, picture_, due_, changed_);
   if (read == -1) return failScreen();
   damaged_ = false;
   if (read == 0) return 1;
+  due_.clear();
   if (session_.refineChanges(kStream, picture_, changed_) == -1) return fail(session_.errorText());
   if (changed_.isEmpty()) return 1;
   // A timer that woke us a little late must not make the rate lower than it was asked for.
@@ -218,7 +224,21 @@ void RecordSession::findMoves() {
   client::Picture before;
   if (options_.moves == 0 || !output_->takesCopies()) return;
   if (session_.present(kStream, before) != 1) return;
-  detector_.find(before, picture_, changed_, nullptr, moves_);
+  owed_.subtract(changed_);
+  detector_.find(before, picture_, changed_, nullptr, moves_, client::kUnseenTolerance);
+  if (adoptMoves(before, picture_, moves_, owedLately_) == 0) return;
+  owed_.add(owedLately_);
+  nextPayment_ = std::min(nextPayment_, now() + kPaymentInterval);
+}
+
+// What moved and has been still since is read again, with its true colours.
+void RecordSession::payDebt() {
+  if (now() < nextPayment_) return;
+  due_.add(owed_);
+  due_.subtract(owedLately_);
+  owed_.subtract(due_);
+  owedLately_.clear();
+  nextPayment_ = owed_.isEmpty() ? Time::max() : now() + kPaymentInterval;
 }
 
 bool RecordSession::wantsKeyFrame() const {
@@ -291,7 +311,7 @@ RecordSession::Time RecordSession::wakeTime() const {
                ? wake
                : std::min<Time>(wake, time + std::chrono::milliseconds(milliseconds));
   };
-  Time wake = earlier(output_->flushDue(), session_.timeout());
+  Time wake = std::min(earlier(output_->flushDue(), session_.timeout()), nextPayment_);
   if (options_.duration.count() > 0) wake = std::min<Time>(wake, options_.duration);
   if (progress_.isShown()) wake = std::min(wake, time + kProgressInterval);
   return time < nextPicture_ ? std::min(wake, nextPicture_) : earlier(wake, screen_->nextLook());

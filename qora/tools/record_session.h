@@ -62,6 +62,7 @@ class RecordSession {
   int32_t capture();
   int32_t give();
   void findMoves();
+  void payDebt();
   int32_t takeFrames(int32_t timeout);
   int32_t restartService();
   std::span<const uint8_t> trueAccessUnit();
@@ -92,8 +93,12 @@ class RecordSession {
   client::Picture picture_{};  // being filled, of the session
   bool acquired_ = false;      // there is one
   client::Damage changed_;     // in it
-  bool first_ = true;          // of its size
-  Clock::time_point start_;    // of the recording: its first picture
+  // Where moves left colours a trace off the screen's: all, those since the last payment, and those
+  // to be read again now.
+  client::Damage owed_, owedLately_, due_;
+  Time nextPayment_ = Time::max();
+  bool first_ = true;        // of its size
+  Clock::time_point start_;  // of the recording: its first picture
   bool started_ = false;
   bool damaged_ = false;      // the screen has something to read
   Time nextPicture_{};        // not before

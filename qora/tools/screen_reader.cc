@@ -26,10 +26,10 @@ void fillBlack(const client::Picture& picture) {
 }
 
 int32_t ScreenReader::read(capture::Screen& screen, const client::Picture& picture,
-                           client::Damage& changed) {
+                           const client::Damage& besides, client::Damage& changed) {
   areas_.clear();
   if (screen.takeDamage(areas_) == -1) return -1;
-  drawn_.resize(picture.width, picture.height);
+  drawn_ = besides;
   for (const client::Area& area : areas_) drawn_.add(area);
   listAreas(picture);
   const int32_t read = screen.read(areas_, pieces_);

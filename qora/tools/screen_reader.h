@@ -15,11 +15,11 @@ void fillBlack(const client::Picture& picture);
 
 class ScreenReader {
  public:
-  // Takes the screen's damage, reads and converts it into the picture, and adds it to `changed`;
-  // all three have one size. The damage may be more than really changed. 1; 0 when the screen's
-  // size is changing; -1 with errno from the screen.
+  // Takes the screen's damage and `besides`, reads and converts it into the picture, and adds it to
+  // `changed`; all have one size. The damage may be more than really changed. 1; 0 when the
+  // screen's size is changing; -1 with errno from the screen.
   [[nodiscard]] int32_t read(capture::Screen& screen, const client::Picture& picture,
-                             client::Damage& changed);
+                             const client::Damage& besides, client::Damage& changed);
 
  private:
   void listAreas(const client::Picture& picture);
