@@ -89,6 +89,9 @@ class QualityControl {
   void plan(Time now, const Damage& changed, const Picture& picture, const Picture* before,
             std::span<const service::RegionCopy> copies, bool keyFrame, QualityPlan& plan);
 
+  // A frame besides the planned ones listed all of the picture at the sealing offset.
+  void allSealed() { sealed_.addAll(); }
+
   // The reply to the oldest planned frame that has none yet: coded bytes, the reply's key flag.
   void encoded(Time now, int64_t bytes, bool keyFrame);
   // For a parent that learns what arrived: from the first call on, the debt is what was sent and

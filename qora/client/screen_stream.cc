@@ -157,6 +157,7 @@ int32_t ScreenStream::planRepeat(Time now) {
   if (settings_.rateControl == RateControl::quality) {
     plan_.rectangles.push_back(
         rectangleOf({0, 0, cells_.codedWidth(), cells_.codedHeight()}, kSealingOffset));
+    control_.allSealed();
   } else if (coarse_.isEmpty() || ++sharpenings_ > kMostSharpenings) {
     plan_.rectangles.push_back(nothingChanged());
   } else {
