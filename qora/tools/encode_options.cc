@@ -12,7 +12,9 @@ namespace {
 constexpr char kAbout[] =
     R"(Encodes a clip to H.264 (Annex B) through the codec service. INPUT is a Y4M file
 with 8-bit 4:2:0 pictures, or raw I420 with --size; "-" is standard input.)";
-constexpr char kFooter[] = "Exit status: 0 done, 1 it failed, 2 the command line is wrong.";
+constexpr char kFooter[] =
+    R"(Exit status: 0 done, 1 it failed, 2 the command line is wrong, 3 --verify found a frame
+that does not show the clip; OUTPUT is complete.)";
 
 std::string readSize(const char* value, EncodeOptions& options) {
   if (parsePair(value, 'x', 1, 65535, options.width, options.height) == 0) {
@@ -57,6 +59,12 @@ OptionTable tableFor(EncodeOptions& options) {
              {"skip-unchanged", 0, nullptr,
               "leave out pictures in which nothing changed, as a live screen\n"
               "does; OUTPUT has fewer frames then, --stats tells which"});
+  table.flag(options.moves, {"moves", 0, nullptr,
+                             "copy what moved instead of coding it; OUTPUT is a stream with\n"
+                             "moves, for qora-view"});
+  table.flag(options.verify, {"verify", 0, nullptr,
+                              "decode each frame as it comes and compare it with the clip: that\n"
+                              "it is intact, as good as its quantizers allow, and does not drift"});
   table.number(options.frames, {"frames", 0, "N", "stop after N frames"}, 1, OptionTable::kNoLimit);
   table.string(options.stats, {"stats", 0, "FILE.csv",
                                "a line a frame: type, bytes, quantizer, times, changes;\n"
@@ -80,6 +88,7 @@ std::string checkTogether(const std::vector<std::string>& operands, EncodeOption
   options.input = operands[0];
   if (options.output.empty()) return "no output is named, use -o FILE";
   if (options.qpMin > options.qpMax) return "--qp-min is above --qp-max";
+  if (options.moves && options.noRectangles) return "--no-rectangles leaves nothing to move";
   return "";
 }
 

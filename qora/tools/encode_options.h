@@ -22,6 +22,8 @@ struct EncodeOptions {
   int32_t frames = 0;   // stop behind so many; 0: the whole clip
   bool noRectangles = false;
   bool skipUnchanged = false;  // pictures in which nothing changed are not encoded
+  bool moves = false;          // the output is a stream with moves
+  bool verify = false;         // what is coded is decoded and compared
   bool quiet = false;
   bool sandbox = false;   // the service gets the system calls that it needs and no others
   std::string stats;      // a CSV file; empty: none

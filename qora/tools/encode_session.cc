@@ -56,6 +56,7 @@ int32_t EncodeSession::run() {
   const Loaded first = loadPicture();
   if (first == Loaded::end) return fail(options_.input + ": the clip has no frame");
   if (first == Loaded::failed) return -1;
+  if (options_.verify && openVerifiers() == -1) return -1;
   // The outputs come late: a clip or a service that cannot be had leaves an earlier result alone.
   if (startService() == -1) return -1;
   if (outputs_.open(clip_) == -1) return fail(outputs_.problem());
@@ -65,9 +66,10 @@ int32_t EncodeSession::run() {
   progress_.clear();
   if (encoded == -1) return -1;
   if (session_.stop() == -1) return fail(session_.errorText());
-  if (outputs_.close() == -1) return fail(outputs_.problem());
+  const auto end = pictureTime(loaded_, clip_.format());
+  if (outputs_.close(end) == -1) return fail(outputs_.problem());
   if (!options_.quiet) printSummary();
-  return 1;
+  return findMismatch();
 }
 
 int32_t EncodeSession::openClip() {
@@ -166,6 +168,11 @@ int32_t EncodeSession::sendPicture() {
   if (options_.noRectangles) changes_.addAll();
   changedInWork_ = changes_.count();
   isInWork_ = isSkipped_ = true;
+  moves_.copies.clear();
+  client::Picture before;
+  if (options_.moves && session_.present(0, before) == 1) {
+    detector_.find(before, loading_, changes_, nullptr, moves_);
+  }
   const client::Picture picture = loading_;
   loading_ = {};
   for (int32_t stream = 0; stream < options_.streams; ++stream) {
@@ -181,7 +188,8 @@ int32_t EncodeSession::sendTo(int32_t stream, const client::Picture& picture) {
     if (session_.acquire(stream, own) != 1) return -1;
     copyPicture(picture, own);
   }
-  const int32_t sent = session_.encodeDamage(stream, own, changes_);
+  const int32_t sent = session_.encodeDamage(stream, own, changes_, moves_.copies);
+  ++given_[static_cast<size_t>(stream)];
   if (sent != 0 || options_.skipUnchanged) return sent;
   return session_.repeat(stream);  // a file has one frame for each of the clip's
 }
@@ -192,7 +200,10 @@ int32_t EncodeSession::takeFrames(int32_t timeout) {
   while ((taken = session_.readFrame(frame_, timeout)) == 1) {
     bytes_ += static_cast<int64_t>(frame_.bytes.size());
     isSkipped_ = false;
-    if (outputs_.write(frame_, frames_, changedInWork_) == -1) return fail(outputs_.problem());
+    if (outputs_.write(frame_, clipTime_, frames_, changedInWork_) == -1) {
+      return fail(outputs_.problem());
+    }
+    if (!verifiers_.empty() && verify() == -1) return -1;
   }
   if (taken == -1) return fail(session_.errorText());
   if (session_.framesInFlight() > 0) return 0;
@@ -206,6 +217,41 @@ int32_t EncodeSession::takeFrames(int32_t timeout) {
   skipped_ += still_;
   still_ = 0;
   return 1;
+}
+
+int32_t EncodeSession::openVerifiers() {
+  for (int32_t stream = 0; stream < options_.streams; ++stream) {
+    if (verifiers_.emplace_back().open(problem_) == -1) return -1;
+  }
+  return 1;
+}
+
+// The frame that came last. The session has one picture at a time in work, the one given last.
+int32_t EncodeSession::verify() {
+  const auto stream = static_cast<size_t>(frame_.stream);
+  client::Picture source;
+  const bool isThere = session_.present(frame_.stream, source) == 1;
+  const bool isOf = frame_.picture + 1 == given_[stream];
+  if (!isThere || verifiers_[stream].add(frame_, source, isOf) == 1) return 1;
+  return fail("no memory to decode a frame");
+}
+
+int32_t EncodeSession::findMismatch() {
+  for (size_t stream = 0; stream < verifiers_.size(); ++stream) {
+    const std::string mismatch = verifiers_[stream].mismatch();
+    if (mismatch.empty()) continue;
+    problem_ = outputPath(options_.output, static_cast<int32_t>(stream)) + ": " + mismatch;
+    return 0;
+  }
+  return 1;
+}
+
+// Of stream 0.
+std::string EncodeSession::verifiedText() const {
+  if (verifiers_.empty()) return "";
+  const CheckFigures figures = verifiers_[0].figures();
+  return ", PSNR " + decibelText(figures.psnr) + ", " + decibelText(figures.worstPsnr) +
+         " at frame " + std::to_string(figures.worstFrame);
 }
 
 ProgressFigures EncodeSession::figures() const {
@@ -228,8 +274,9 @@ void EncodeSession::printSummary() const {
       options_.streams > 1 ? ", " + std::to_string(options_.streams) + " streams" : "";
   const std::string skipped =
       skipped_ > 0 ? ", " + std::to_string(skipped_) + " of them skipped" : "";
-  std::fprintf(stderr, "encoded %s%s%s, %.1f%% of the macroblocks changed\n",
-               progressText(done).c_str(), skipped.c_str(), streams.c_str(), share);
+  std::fprintf(stderr, "encoded %s%s%s, %.1f%% of the macroblocks changed%s\n",
+               progressText(done).c_str(), skipped.c_str(), streams.c_str(), share,
+               verifiedText().c_str());
 }
 
 }  // namespace qora::tools

@@ -1,15 +1,19 @@
 // qora/tools/encode_session.h -- One run of qora-encode: a clip through the service into files.
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <string>
 
+#include "qora/client/move_detector.h"
 #include "qora/client/screen_session.h"
 #include "qora/tools/clip_reader.h"
 #include "qora/tools/encode_options.h"
 #include "qora/tools/output_files.h"
 #include "qora/tools/progress.h"
+#include "qora/tools/stream_verifier.h"
 
 namespace qora::tools {
 
@@ -24,7 +28,8 @@ class EncodeSession {
   explicit EncodeSession(const EncodeOptions& options);
 
   // Encodes the whole clip and writes the summary. 1, or -1 with problem(); what was encoded until
-  // then is in the outputs. The service is gone and the segment free when the session is destroyed.
+  // then is in the outputs. 0: all is encoded, but problem() says what does not show the clip. The
+  // service is gone and the segment free when the session is destroyed.
   [[nodiscard]] int32_t run();
   // One line for a person.
   const std::string& problem() const { return problem_; }
@@ -50,6 +55,10 @@ class EncodeSession {
   Loaded loadPicture();
   int32_t sendPicture();
   int32_t sendTo(int32_t stream, const client::Picture& picture);
+  int32_t openVerifiers();
+  int32_t verify();
+  int32_t findMismatch();
+  std::string verifiedText() const;
   int32_t takeFrames(int32_t timeout);
   ProgressFigures figures() const;
   void printSummary() const;
@@ -64,7 +73,11 @@ class EncodeSession {
   Clock::time_point start_;
   client::Picture loading_{};  // of stream 0, to be filled next
   client::Damage changes_;     // in that
+  client::MoveDetector detector_;
+  client::Moves moves_;  // in that picture
   client::CodedFrame frame_;
+  std::deque<StreamVerifier> verifiers_;  // one for each stream; none: nothing is verified
+  std::array<int64_t, service::kStreamCount> given_{};  // pictures, to each stream
   std::chrono::microseconds clipTime_{};
   int64_t loaded_ = 0;         // pictures that were read
   int64_t still_ = 0;          // of those, after the one in work, left out

@@ -108,7 +108,7 @@ void PictureCheck::start(const Picture& source) {
                0);
 }
 
-void PictureCheck::add(const Picture& source, const Picture& decoded, bool newStart) {
+double PictureCheck::add(const Picture& source, const Picture& decoded, bool newStart) {
   const Picture& before = before_.picture();
   const bool another = before.width != source.width || before.height != source.height;
   if (another) start(source);
@@ -129,6 +129,7 @@ void PictureCheck::add(const Picture& source, const Picture& decoded, bool newSt
   checkDrift(source, decoded, newStart || another);
   keep(source);
   ++figures_.frames;
+  return psnr;
 }
 
 void PictureCheck::checkDrift(const Picture& source, const Picture& decoded, bool newStart) {

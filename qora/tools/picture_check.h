@@ -40,7 +40,8 @@ class PictureCheck {
   // The next picture of each.
   //   decoded   at least as large as the source: an odd side is coded one longer.
   //   newStart  it need not be as good as those before: a key frame may be coarser.
-  void add(const client::Picture& source, const client::Picture& decoded, bool newStart);
+  // Returns its PSNR.
+  double add(const client::Picture& source, const client::Picture& decoded, bool newStart);
   CheckFigures figures() const;
 
  private:

@@ -13,7 +13,8 @@ int main(int argc, char* argv[]) {
   const int32_t status = qora::tools::beginProgram("qora-encode", parsed, text);
   if (status != -1) return status;
   qora::tools::EncodeSession session(options);
-  if (session.run() == 1) return 0;
+  const int32_t encoded = session.run();
+  if (encoded == 1) return 0;
   std::fprintf(stderr, "qora-encode: %s\n", session.problem().c_str());
-  return 1;
+  return encoded == 0 ? 3 : 1;
 }
