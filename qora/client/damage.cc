@@ -75,30 +75,6 @@ void Damage::subtract(const Damage& other) {
                  [](uint64_t ours, uint64_t theirs) { return ours & ~theirs; });
 }
 
-void Damage::grow() {
-  if (rows_ == 0 || columns_ == 0) return;
-  std::vector<uint64_t> above(static_cast<size_t>(rowWords_)), here = above, below = above;
-  const auto widen = [this](int32_t row, std::vector<uint64_t>& wide) {
-    for (int32_t at = 0; at < rowWords_; ++at) {
-      const uint64_t cells = row < rows_ ? word(at * 64, row) : 0;
-      const uint64_t left = at > 0 && row < rows_ ? word(at * 64 - 1, row) : 0;
-      const uint64_t right = at + 1 < rowWords_ && row < rows_ ? word(at * 64 + 64, row) : 0;
-      wide[static_cast<size_t>(at)] = cells | cells << 1 | cells >> 1 | left >> 63 | right << 63;
-    }
-    wide.back() &= bits(0, (columns_ - 1) % 64);
-  };
-  widen(0, here);
-  for (int32_t row = 0; row < rows_; ++row) {
-    widen(row + 1, below);
-    for (int32_t at = 0; at < rowWords_; ++at) {
-      const auto i = static_cast<size_t>(at);
-      word(at * 64, row) = above[i] | here[i] | below[i];
-    }
-    above.swap(here);
-    here.swap(below);
-  }
-}
-
 void Damage::clear() {
   std::fill(words_.begin(), words_.end(), 0);
 }

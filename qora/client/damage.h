@@ -48,8 +48,6 @@ class Damage {
   void add(const Damage& other);
   void intersect(const Damage& other);
   void subtract(const Damage& other);
-  // Every macroblock beside a damaged one, corners too.
-  void grow();
   void clear();
 
   // One macroblock, by its column and row; both inside.

@@ -135,7 +135,8 @@ void removeDestination(const service::RegionCopy& copy, Damage& cells) {
 }  // namespace
 
 void QualityControl::reset(int32_t width, int32_t height) {
-  for (Damage* cells : {&unfinished_, &sealed_, &changing_, &refined_, &still_.unsealed}) {
+  for (Damage* cells :
+       {&unfinished_, &sealed_, &changing_, &refined_, &guarded_, &still_.unsealed}) {
     cells->resize(width, height);
   }
   const int32_t count = unfinished_.columns() * unfinished_.rows();
@@ -516,19 +517,26 @@ void QualityControl::seal(QualityPlan& plan) {
   });
 }
 
-// A sealed cell beside what changes is listed at what it was coded at. Left alone it would be coded
-// by the sealing offset, along with its neighbours' motion, as soon as that is not none: text out
-// of place, which a later copy would carry on.
+// A sealed cell is listed at what it was coded at where the encoder would give it its neighbours'
+// motion: with the sealing offset that costs nothing, so text would stand out of place, and a later
+// copy would carry it on. It does so where neither the cell to the left nor the one above stands
+// still. That reaches from a changed cell along its row, below such cells of the row above.
 void QualityControl::guardSealed(QualityPlan& plan) {
-  guarded_ = changing_;
+  Damage listed = changing_;
   for (const service::RegionCopy& copy : plan.copies) {
-    guarded_.add({copy.destinationX, copy.destinationY, copy.width, copy.height});
+    listed.add({copy.destinationX, copy.destinationY, copy.width, copy.height});
   }
-  Damage inner = guarded_;
-  inner.add(refined_);
-  guarded_.grow();
-  guarded_.intersect(sealed_);
-  guarded_.subtract(inner);
+  Damage moving = listed;
+  guarded_.clear();
+  listed.forEachRun([&](int32_t row, int32_t, int32_t end) {
+    for (int32_t at = end;
+         row > 0 && at < listed.columns() && !listed.test(at, row) && moving.test(at, row - 1);
+         ++at) {
+      moving.set(at, row);
+      if (sealed_.test(at, row)) guarded_.set(at, row);
+    }
+  });
+  guarded_.subtract(refined_);
   while (!guarded_.isEmpty()) {
     // All that were coded alike, at once.
     int32_t offset = kNeverCoded;
