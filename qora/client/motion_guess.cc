@@ -12,7 +12,7 @@ constexpr int32_t kReachAcross = 48;
 constexpr int32_t kReachDown = 64;
 constexpr int32_t kPlaces = 2 * kReachAcross + 1;  // in a row
 constexpr int32_t kFewest = 24;                    // changed cells that may have moved
-constexpr int32_t kMostSamples = 12;
+constexpr int32_t kMostSamples = 8;
 constexpr uint32_t kTrace = 256;  // luma differences of a cell: one a pixel
 // A cell with less contrast than this fits nearly anywhere.
 constexpr uint32_t kDistinct = 1024;

@@ -424,7 +424,8 @@ int32_t QualityControl::chooseRefined(Bits& frame) {
     if (one.offset <= enough) continue;
     const size_t kind = kRefined + (isText(one.term) ? 0 : 1);
     const float bits = kResidual * bitsOf(one, goal);
-    budget -= bits * std::max(factors_[kind], kLeastFactor[kind]);
+    // The second step is cheaper than the first, which has taught the factor.
+    budget -= bits * std::max(factors_[kind], kLeastFactor[kind] / (near ? 1 : 2));
     frame[kind] += bits * factors_[kind];
     const auto columns = static_cast<size_t>(refined_.columns());
     refined_.set(static_cast<int32_t>(at % columns), static_cast<int32_t>(at / columns));

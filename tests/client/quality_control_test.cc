@@ -111,7 +111,8 @@ TEST(QualityControlTest, SharpensInTwoStepsThenSealsThenIsSilent) {
   const int32_t first = loop.coarsest();
   EXPECT_GT(first, 24);
   std::vector<int32_t> goals;
-  while (loop.tick() || loop.plan.step == QualityStep::wait) {
+  for (int32_t ticks = 0; ticks < 200; ++ticks) {
+    if (!loop.tick() && loop.plan.step == QualityStep::silent) break;
     for (const int32_t offset : loop.offsets) {
       if (offset != kSealingOffset && (goals.empty() || goals.back() != offset)) {
         goals.push_back(offset);
@@ -147,8 +148,8 @@ TEST(QualityControlTest, KeyFrameListsAllWithRealOffsets) {
 TEST(QualityControlTest, HoldsEveryRateAndStarvesAtNone) {
   // Bytes a second, changed while all moves on, and what the encoder takes of what is usual. What
   // was learned from the extremes is bounded: it is not far too coarse or too large after them.
-  const std::pair<int64_t, double> kTimes[] = {{100'000, 1}, {20'000, 1},     {1'000'000, 1},
-                                               {20'000, 10}, {100'000, 0.01}, {100'000, 1}};
+  const std::pair<int64_t, double> kTimes[] = {{100'000, 1},    {20'000, 1},  {1'000'000, 1},
+                                               {100'000, 0.01}, {100'000, 1}, {1'000'000, 200}};
   Loop loop(0);
   for (const auto& [rate, cost] : kTimes) {
     const int64_t queued = loop.control.debt(loop.now);
@@ -166,9 +167,11 @@ TEST(QualityControlTest, HoldsEveryRateAndStarvesAtNone) {
     EXPECT_GE(frames, 2);
     EXPECT_LE(sum, rate * 10 + rate / 5 + loop.bytes + queued);
   }
+  loop.cost = 1;
   ASSERT_TRUE(loop.settle());
+  loop.control.setRate(20'000);
   ASSERT_TRUE(loop.tick({{0, 0, 32, 16}}));
-  EXPECT_EQ(loop.offsets, std::set<int32_t>{8});
+  EXPECT_EQ(*loop.offsets.begin(), 8);
 }
 
 TEST(QualityControlTest, WhatNeverStopsDoesNotStopTheRest) {
