@@ -51,6 +51,8 @@ int32_t ClipReader::open(const std::string& path, const ClipFormat* rawFormat) {
   if (first != 1) return first == -1 ? -1 : fail("the input is empty");
   y4m_ = rawFormat == nullptr;
   if (y4m_) return readHeader();
+  const std::string_view begin(reinterpret_cast<const char*>(ahead_.data()), aheadEnd_);
+  if (begin.starts_with(kY4mMagic)) return fail("a Y4M clip; --size is for raw I420 ones");
   format_ = *rawFormat;
   if (S_ISREG(status_.st_mode)) frameCount_ = status_.st_size / pictureBytes(format_);
   return 1;

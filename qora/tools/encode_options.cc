@@ -1,8 +1,9 @@
 #include "qora/tools/encode_options.h"
 
+#include <cstring>
 #include <vector>
 
-#include "qora/client/quality_control.h"
+#include "qora/client/stream_settings.h"
 #include "qora/tools/numbers.h"
 #include "qora/tools/option_table.h"
 
@@ -24,11 +25,31 @@ std::string readSize(const char* value, EncodeOptions& options) {
   return even ? "" : std::string("an even width and height, not '") + value + "'";
 }
 
+std::string readRate(const char* value, EncodeOptions& options) {
+  const std::string pair = std::strchr(value, '/') != nullptr ? value : std::string(value) + "/1";
+  const bool good = parsePair(pair, '/', 1, OptionTable::kNoLimit, options.rateNumerator,
+                              options.rateDenominator) == 1;
+  return good ? "" : std::string("N or N/D, as 60000/1001, not '") + value + "'";
+}
+
+std::vector<std::string> colourNames() {
+  std::vector<std::string> names;
+  for (const ColourChoice& colour : kColours) names.emplace_back(colour.name);
+  return names;
+}
+
 OptionTable tableFor(EncodeOptions& options) {
   OptionTable table("qora-encode", "[options] INPUT -o OUTPUT.264", kAbout, kFooter);
   table.string(options.output, {"output", 'o', "FILE", "where the coded clip goes"});
-  table.custom({"size", 0, "WxH", "INPUT is raw I420 of this picture size, 25 frames a second"},
+  table.custom({"size", 0, "WxH", "INPUT is raw I420 of this picture size"},
                [&options](const char* value) { return readSize(value, options); });
+  table.custom({"fps", 0, "N[/D]", "frames a second of a raw INPUT (default 25)"},
+               [&options](const char* value) { return readRate(value, options); });
+  table.choice(options.colour,
+               {"colour", 0, "bt601|bt709|srgb",
+                "what OUTPUT says of its colours (default: nothing); rate, pixel\n"
+                "shape and range are those that a Y4M INPUT tells"},
+               colourNames());
   table.number(options.bitrate,
                {"bitrate", 0, "KBPS",
                 "average bitrate at the clip's frame rate, 1 to 65535\n"
@@ -77,6 +98,9 @@ OptionTable tableFor(EncodeOptions& options) {
   table.flag(options.sandbox, {"sandbox", 0, nullptr,
                                "run the service under its system call filter; qora-sandbox\n"
                                "has to be beside it"});
+  table.flag(options.verbose, {"verbose", 0, nullptr,
+                               "show what the service and its encoder say on standard error;\n"
+                               "otherwise only the last line, and only when they fail"});
   table.flag(options.quiet, {"quiet", 0, nullptr, "no progress line, no summary"});
   return table;
 }
@@ -89,6 +113,13 @@ std::string checkTogether(const std::vector<std::string>& operands, EncodeOption
   if (options.output.empty()) return "no output is named, use -o FILE";
   if (options.qpMin > options.qpMax) return "--qp-min is above --qp-max";
   if (options.moves && options.noRectangles) return "--no-rectangles leaves nothing to move";
+  const bool limitsHold = options.bitrate > 0 && options.quality == EncodeOptions::kNoQuality;
+  if (!limitsHold && (options.qpMin != 0 || options.qpMax != client::kLargestQuantizer)) {
+    return "--qp-min and --qp-max are limits of --bitrate without --quality";
+  }
+  if (options.rateNumerator != 0 && options.width == 0) {
+    return "--fps is for raw clips, with --size";
+  }
   return "";
 }
 

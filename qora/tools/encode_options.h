@@ -11,6 +11,9 @@ struct EncodeOptions {
   std::string output;  // of stream 0, see outputPath()
   int32_t width = 0;   // of a raw clip; 0: the clip is Y4M
   int32_t height = 0;
+  int32_t rateNumerator = 0;  // of a raw clip, frames a second; 0: not given
+  int32_t rateDenominator = 1;
+  int32_t colour = -1;  // what the clip's colours are, a row of kColours; -1: nobody knows
   static constexpr int32_t kNoQuality = INT32_MIN;
   int32_t bitrate = 0;           // kbit/s at the clip's rate; 0: constant quality
   int32_t quality = kNoQuality;  // the quantizer offset; with a bitrate: the one that still parts
@@ -25,11 +28,20 @@ struct EncodeOptions {
   bool moves = false;          // the output is a stream with moves
   bool verify = false;         // what is coded is decoded and compared
   bool quiet = false;
+  bool verbose = false;   // the service's own lines are shown
   bool sandbox = false;   // the service gets the system calls that it needs and no others
   std::string stats;      // a CSV file; empty: none
   std::string service;    // empty: found beside our own program
   std::string codecRoot;  // empty: QORA_SYSTEM, or found beside our own program
 };
+
+// What a stream can say of its colours, as client::SequenceFacts has it.
+struct ColourChoice {
+  const char* name;
+  uint8_t primaries, transfer, matrix;
+};
+inline constexpr ColourChoice kColours[] = {
+    {"bt601", 6, 6, 6}, {"bt709", 1, 1, 1}, {"srgb", 1, 13, 1}};
 
 // 1: go on with `options`. 0: the user asked for `text`, the help or the version. -1: `text` says
 // what is wrong with the command line.

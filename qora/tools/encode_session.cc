@@ -15,9 +15,30 @@ namespace qora::tools {
 namespace {
 
 constexpr int64_t kEncoderRate = 25;
+constexpr uint8_t kUnknownColour = 2;  // in H.264's tables
 
 double frameRate(const ClipFormat& format) {
   return static_cast<double>(format.rateNumerator) / format.rateDenominator;
+}
+
+// What the stream says of itself. Where pictures are left out, the clip's rate is only the highest.
+client::SequenceFacts factsOf(const ClipFormat& format, const EncodeOptions& options) {
+  client::SequenceFacts facts{.rateNumerator = static_cast<uint32_t>(format.rateNumerator),
+                              .rateDenominator = static_cast<uint32_t>(format.rateDenominator),
+                              .fixedRate = !options.skipUnchanged,
+                              .aspectWidth = static_cast<uint16_t>(format.aspectWidth),
+                              .aspectHeight = static_cast<uint16_t>(format.aspectHeight),
+                              .fullRange = format.fullRange,
+                              .primaries = kUnknownColour,
+                              .transfer = kUnknownColour,
+                              .matrix = kUnknownColour,
+                              .chromaLocation = format.chromaLocation};
+  if (options.colour == -1) return facts;
+  const ColourChoice& colour = kColours[options.colour];
+  facts.primaries = colour.primaries;
+  facts.transfer = colour.transfer;
+  facts.matrix = colour.matrix;
+  return facts;
 }
 
 // Between pictures of one size in cells of one layout, the bytes between rows included.
@@ -73,7 +94,11 @@ int32_t EncodeSession::run() {
 }
 
 int32_t EncodeSession::openClip() {
-  const ClipFormat raw{.width = options_.width, .height = options_.height};
+  ClipFormat raw{.width = options_.width, .height = options_.height};
+  if (options_.rateNumerator != 0) {
+    raw.rateNumerator = options_.rateNumerator;
+    raw.rateDenominator = options_.rateDenominator;
+  }
   if (clip_.open(options_.input, options_.width == 0 ? nullptr : &raw) == -1) {
     return fail(clip_.problem());
   }
@@ -81,6 +106,7 @@ int32_t EncodeSession::openClip() {
       nominalBitrate(options_.bitrate, clip_.format()) > std::numeric_limits<uint16_t>::max()) {
     return fail("--bitrate is too high for a clip of so few frames a second");
   }
+  facts_ = factsOf(clip_.format(), options_);
   return 1;
 }
 
@@ -116,7 +142,10 @@ int32_t EncodeSession::startService() {
   ignoreInterrupts();
   const std::string sandbox = options_.sandbox ? sandboxBeside(service_) : "";
   const int32_t started = session_.start({
-      .service = {.servicePath = service_, .codecRoot = codecRoot_, .sandboxPath = sandbox},
+      .service = {.servicePath = service_,
+                  .codecRoot = codecRoot_,
+                  .sandboxPath = sandbox,
+                  .keepLog = !options_.verbose},
       .clock = [this] { return clipTime_; },
   });
   noteInterrupts();
@@ -135,7 +164,7 @@ int32_t EncodeSession::encodeClip() {
       progress_.update(figures());
     }
     if (next == Loaded::end) return 1;
-    if (next == Loaded::failed) return -1;
+    if (next == Loaded::failed) return fail(problem_ + keptText());
   }
   return -1;
 }
@@ -149,8 +178,7 @@ EncodeSession::Loaded EncodeSession::loadPicture() {
   const int32_t loaded = wasInterrupted() ? -1 : clip_.read(loading_);
   if (loaded == 0) return Loaded::end;
   if (loaded == -1) {
-    fail(wasInterrupted() ? "interrupted after " + std::to_string(frames_) + " frames"
-                          : clip_.problem());
+    fail(wasInterrupted() ? "interrupted" : clip_.problem());
     return Loaded::failed;
   }
   ++loaded_;
@@ -194,10 +222,19 @@ int32_t EncodeSession::sendTo(int32_t stream, const client::Picture& picture) {
   return session_.repeat(stream);  // a file has one frame for each of the clip's
 }
 
+// Into the parameter sets of the frame that came last.
+void EncodeSession::writeFacts() {
+  if (client::rewriteSequenceParameters(frame_.bytes, client::NalFraming::startCodes, facts_,
+                                        rewritten_) == 1) {
+    frame_.bytes.swap(rewritten_);
+  }
+}
+
 // 1, or 0 when they are not all there in time.
 int32_t EncodeSession::takeFrames(int32_t timeout) {
   int32_t taken;
   while ((taken = session_.readFrame(frame_, timeout)) == 1) {
+    if (frame_.keyFrame) writeFacts();
     bytes_ += static_cast<int64_t>(frame_.bytes.size());
     isSkipped_ = false;
     if (outputs_.write(frame_, clipTime_, frames_, changedInWork_) == -1) {
@@ -252,6 +289,11 @@ std::string EncodeSession::verifiedText() const {
   const CheckFigures figures = verifiers_[0].figures();
   return ", PSNR " + decibelText(figures.psnr) + ", " + decibelText(figures.worstPsnr) +
          " at frame " + std::to_string(figures.worstFrame);
+}
+
+// Follows why it ended early.
+std::string EncodeSession::keptText() const {
+  return "; frames kept in " + options_.output + ": " + std::to_string(frames_ - skipped_);
 }
 
 ProgressFigures EncodeSession::figures() const {

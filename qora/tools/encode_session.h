@@ -6,9 +6,11 @@
 #include <cstdint>
 #include <deque>
 #include <string>
+#include <vector>
 
 #include "qora/client/move_detector.h"
 #include "qora/client/screen_session.h"
+#include "qora/client/sequence_parameters.h"
 #include "qora/tools/clip_reader.h"
 #include "qora/tools/encode_options.h"
 #include "qora/tools/output_files.h"
@@ -60,6 +62,8 @@ class EncodeSession {
   int32_t findMismatch();
   std::string verifiedText() const;
   int32_t takeFrames(int32_t timeout);
+  void writeFacts();
+  std::string keptText() const;
   ProgressFigures figures() const;
   void printSummary() const;
 
@@ -78,6 +82,8 @@ class EncodeSession {
   client::CodedFrame frame_;
   std::deque<StreamVerifier> verifiers_;  // one for each stream; none: nothing is verified
   std::array<int64_t, service::kStreamCount> given_{};  // pictures, to each stream
+  client::SequenceFacts facts_;
+  std::vector<uint8_t> rewritten_;  // memory for a frame with these
   std::chrono::microseconds clipTime_{};
   int64_t loaded_ = 0;         // pictures that were read
   int64_t still_ = 0;          // of those, after the one in work, left out

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <iterator>
 #include <limits>
+#include <utility>
 
 #include "qora/tools/numbers.h"
 
@@ -10,12 +11,24 @@ namespace qora::tools {
 namespace {
 
 constexpr int32_t kMaxSide = 65535;  // 16 bits in the add-stream command
+constexpr std::string_view kRange = "COLORRANGE=";
 constexpr int32_t kMaxNumber = std::numeric_limits<int32_t>::max();
-constexpr std::string_view kColourFormats[] = {"420", "420jpeg", "420mpeg2", "420paldv"};
+constexpr int32_t kLargestAspect = 65535;  // 16 bits in a sequence parameter set
+
+// They differ in where the chroma samples lie.
+constexpr std::pair<std::string_view, int32_t> kColourFormats[] = {
+    {"420", -1}, {"420jpeg", 1}, {"420mpeg2", 0}, {"420paldv", 2}};
 
 int32_t fail(std::string& problem, std::string_view what, std::string_view token) {
   problem = std::string(what) + " '" + std::string(token) + "'";
   return -1;
+}
+
+int32_t parseColourFormat(std::string_view name, ClipFormat& format) {
+  const auto found = std::ranges::find(kColourFormats, name, [](auto& row) { return row.first; });
+  if (found == std::end(kColourFormats)) return 0;
+  format.chromaLocation = found->second;
+  return 1;
 }
 
 int32_t parseTag(std::string_view token, ClipFormat& format, std::string& problem) {
@@ -34,11 +47,20 @@ int32_t parseTag(std::string_view token, ClipFormat& format, std::string& proble
       }
       return fail(problem, "bad frame rate", token);
     case 'C':
-      if (std::find(std::begin(kColourFormats), std::end(kColourFormats), value) !=
-          std::end(kColourFormats)) {
+      if (parseColourFormat(value, format) == 1) return 1;
+      return fail(problem, "only 8-bit 4:2:0 can be encoded, not colour format", token);
+    case 'A':
+      if (value == "0:0") return 1;
+      if (parsePair(value, ':', 1, kLargestAspect, format.aspectWidth, format.aspectHeight) == 1) {
         return 1;
       }
-      return fail(problem, "only 8-bit 4:2:0 can be encoded, not colour format", token);
+      return fail(problem, "bad pixel aspect", token);
+    case 'I':
+      if (value == "p" || value == "?") return 1;
+      return fail(problem, "only progressive pictures can be encoded, not interlaced", token);
+    case 'X':
+      if (value.starts_with(kRange)) format.fullRange = value.substr(kRange.size()) == "FULL";
+      return 1;
     default:
       return 1;
   }

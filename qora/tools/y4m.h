@@ -16,10 +16,13 @@ struct ClipFormat {
   int32_t height = 0;
   int32_t rateNumerator = 25;  // where the clip does not tell
   int32_t rateDenominator = 1;
+  int32_t aspectWidth = 1;  // of a sample
+  int32_t aspectHeight = 1;
+  bool fullRange = false;
+  int32_t chromaLocation = -1;  // as in client::SequenceFacts
 };
 
-// Reads the first line, without its newline. Only 8-bit 4:2:0 is taken: the chroma positions that
-// its variants differ in do not matter here, nor do interlacing, pixel shape and comments.
+// Reads the first line, without its newline. Only progressive pictures of 8-bit 4:2:0 are taken.
 // 1, or -1 with a phrase for a person in `problem`.
 int32_t parseY4mHeader(std::string_view line, ClipFormat& format, std::string& problem);
 

@@ -11,12 +11,15 @@
 namespace qora::tools {
 namespace {
 
-// A header line, and its size and rate, or what is wrong with it.
+// A header line, and its size, rate, pixel aspect, range and chroma location, or what is wrong.
 constexpr std::pair<const char*, const char*> kHeaders[] = {
-    {"YUV4MPEG2 W640 H360", "640x360 25/1"},
-    {"YUV4MPEG2 W640 H360 F30000:1001 Ip A1:1 C420jpeg XYSCSS=420JPEG", "640x360 30000/1001"},
-    {"YUV4MPEG2  C420mpeg2 H360 F0:0 W640 ", "640x360 25/1"},
-    {"YUV4MPEG2 W2 H65534 C420paldv F50:1", "2x65534 50/1"},
+    {"YUV4MPEG2 W640 H360", "640x360 25/1 1:1 0 -1"},
+    {"YUV4MPEG2 W640 H360 F30000:1001 Ip A128:117 C420jpeg XYSCSS=420JPEG",
+     "640x360 30000/1001 128:117 0 1"},
+    {"YUV4MPEG2  C420mpeg2 H360 F0:0 W640 A0:0 I? XCOLORRANGE=FULL", "640x360 25/1 1:1 1 0"},
+    {"YUV4MPEG2 W2 H65534 C420paldv F50:1 XCOLORRANGE=LIMITED", "2x65534 50/1 1:1 0 2"},
+    {"YUV4MPEG2 W640 H360 A4:0", "bad pixel aspect 'A4:0'"},
+    {"YUV4MPEG2 W640 H360 Im", "only progressive pictures can be encoded, not interlaced 'Im'"},
     {"YUV4MPEG2 W640 H360 Cmono", "only 8-bit 4:2:0 can be encoded, not colour format 'Cmono'"},
     {"YUV4MPEG2 W640 H361", "4:2:0 needs an even width and height, not 640x361"},
     {"YUV4MPEG2 W640", "the Y4M header lacks the picture's size"},
@@ -49,6 +52,10 @@ constexpr std::pair<const char*, const char*> kCommandLines[] = {
     {"in --frames 0", "--frames needs a number from 1 on, not '0'"},
     {"in --size 6x3", "--size needs an even width and height, not '6x3'"},
     {"in -o c --qp-min 9 --qp-max 8", "--qp-min is above --qp-max"},
+    {"in -o c --qp-max 9 --bitrate 9 --quality 0",
+     "--qp-min and --qp-max are limits of --bitrate without --quality"},
+    {"in -o c --fps 50", "--fps is for raw clips, with --size"},
+    {"in -o c --fps 29.97", "--fps needs N or N/D, as 60000/1001, not '29.97'"},
 };
 
 std::string pair(int32_t first, const char* separator, int32_t second) {
@@ -61,7 +68,9 @@ TEST(Y4mTest, ReadsHeaders) {
     std::string result;
     if (parseY4mHeader(line, format, result) == 1) {
       result = pair(format.width, "x", format.height) + " " +
-               pair(format.rateNumerator, "/", format.rateDenominator);
+               pair(format.rateNumerator, "/", format.rateDenominator) + " " +
+               pair(format.aspectWidth, ":", format.aspectHeight) + " " +
+               pair(format.fullRange, " ", format.chromaLocation);
     }
     EXPECT_EQ(expected, result) << line;
   }
