@@ -12,7 +12,7 @@ declare -rA groups=(
   [tools]="
     pkg-config
     libseccomp-dev
-    libxcb1-dev libxcb-damage0-dev libxcb-shm0-dev libxcb-xfixes0-dev
+    libxcb1-dev libxcb-damage0-dev libxcb-shm0-dev libxcb-xfixes0-dev libwayland-dev libwayland-bin
     libavformat-dev libavcodec-dev libavutil-dev
     libswscale-dev libsdl2-dev
     libxcb-xtest0-dev libwebsockets-dev" # the sandbox's filter; live screens, movies, windows, browsers
@@ -20,7 +20,7 @@ declare -rA groups=(
     pkg-config
     libgtest-dev libgmock-dev python3-pytest
     libavcodec-dev libavutil-dev libswscale-dev
-    ffmpeg xvfb xterm xdotool x11-apps x11-xserver-utils
+    ffmpeg xvfb xterm xdotool x11-apps x11-xserver-utils sway foot grim
     git strace bubblewrap" # recordings of a real screen
   [packages]="scdoc dpkg-dev lintian" # manual pages, and what cpack and its checks call
   [demo]="

@@ -1,7 +1,11 @@
 #include "qora/capture/screen.h"
 
 #include <algorithm>
+#include <cstdlib>
 
+#ifdef QORA_WAYLAND
+#include "qora/capture/wayland_screen.h"
+#endif
 #include "qora/capture/x11_screen.h"
 
 namespace qora::capture {
@@ -14,11 +18,29 @@ Area intersection(const Area& one, const Area& other) {
   return {left, top, std::max(right - left, 0), std::max(bottom - top, 0)};
 }
 
-std::unique_ptr<Screen> openScreen(const ScreenOptions& options, std::string& problem) {
-  auto screen = std::make_unique<X11Screen>();
+namespace {
+
+template <typename Kind>
+std::unique_ptr<Screen> open(const ScreenOptions& options, std::string& problem) {
+  auto screen = std::make_unique<Kind>();
   if (screen->open(options) == 1) return screen;
   problem = screen->problem();
   return nullptr;
+}
+
+// An X display has its number after a colon, a compositor's socket has none.
+[[maybe_unused]] bool meansWayland(const ScreenOptions& options) {
+  if (!options.display.empty()) return options.display.find(':') == std::string::npos;
+  return std::getenv("DISPLAY") == nullptr && std::getenv("WAYLAND_DISPLAY") != nullptr;
+}
+
+}  // namespace
+
+std::unique_ptr<Screen> openScreen(const ScreenOptions& options, std::string& problem) {
+#ifdef QORA_WAYLAND
+  if (meansWayland(options)) return open<WaylandScreen>(options, problem);
+#endif
+  return open<X11Screen>(options, problem);
 }
 
 }  // namespace qora::capture

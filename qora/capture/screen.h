@@ -76,7 +76,8 @@ class Screen {
 };
 
 struct ScreenOptions {
-  std::string display;      // empty: as the environment says
+  // An X display or the socket of a Wayland compositor; empty: as the environment says, X first.
+  std::string display;
   Area region{0, 0, 0, 0};  // part of the screen; without width and height: all of it
   uint32_t window = 0;      // an X window's number, which is followed as it moves; 0: none
   bool pointer = true;      // draw the mouse pointer into what is read

@@ -13,7 +13,7 @@ namespace qora::tools {
 namespace {
 
 constexpr char kAbout[] =
-    R"(Records an X screen to H.264. What the screen does not draw costs nothing: a frame is
+    R"(Records a screen to H.264. What the screen does not draw costs nothing: a frame is
 made when something changed, and only that is read and encoded. FILE's name says what
 it becomes: .264 (Annex B), .mp4 or .mkv, else a stream with moves for qora-view; "-" is
 such a stream on standard output. Ctrl-C ends a recording, and its file is complete.)";
@@ -63,7 +63,9 @@ std::string readDuration(const char* value, std::chrono::milliseconds& duration)
 OptionTable tableFor(RecordOptions& options) {
   OptionTable table("qora-record", "[options] -o FILE", kAbout, kFooter);
   table.string(options.output, {"output", 'o', "FILE", "where the recording goes"});
-  table.string(options.display, {"display", 0, "NAME", "the X server (default: $DISPLAY)"});
+  table.string(options.display, {"display", 0, "NAME",
+                                 "the X server or Wayland compositor (default: $DISPLAY, then\n"
+                                 "$WAYLAND_DISPLAY)"});
   table.custom({"geometry", 0, "WxH+X+Y", "record this part of the screen"},
                [&options](const char* value) { return readRegion(value, options.region); });
   table.custom({"window", 0, "ID",

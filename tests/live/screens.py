@@ -1,15 +1,17 @@
 """A real X server with real programs on it, and recordings of it."""
 
 import os
-import random
+import pathlib
 import re
 import signal
 import subprocess
+import tempfile
 import time
 
 import harness
 
 RECORD = harness.BUILD / "qora-record"
+NOBODY = 65534
 
 
 def run(*words, **options):
@@ -76,31 +78,62 @@ class Screen:
         return path
 
 
-class Recording:
-    """A recorder at work; stop() gives its status."""
+class Compositor(Screen):
+    """A Wayland compositor without a display, as an ordinary user: it refuses to run as root."""
 
-    def __init__(self, screen, path, *options):
+    def __init__(self):
+        self.programs = []
+        self.owner = tempfile.TemporaryDirectory()  # deleted with us
+        self.folder = self.owner.name
+        options = {"user": NOBODY, "group": NOBODY, "extra_groups": []} if os.getuid() == 0 else {}
+        if options:
+            os.chown(self.folder, NOBODY, NOBODY)
+        self.environment = {**os.environ, "XDG_RUNTIME_DIR": self.folder, "HOME": self.folder,
+                            "WLR_BACKENDS": "headless", "WLR_RENDERER": "pixman",
+                            "WLR_LIBINPUT_NO_DEVICES": "1"}
+        config = pathlib.Path(self.folder, "config")
+        config.write_text("output HEADLESS-1 mode 640x480@60Hz\n")
+        self.server = subprocess.Popen(["sway", "-c", config], env=self.environment, cwd="/",
+                                       stderr=subprocess.DEVNULL, **options)
+        found = lambda pattern: next(pathlib.Path(self.folder).glob(pattern), None)
+        self.environment["SWAYSOCK"] = str(eventually(lambda: found("sway-ipc*.sock")))
+        self.name = str(eventually(lambda: found("wayland-[0-9]")))
+        self.environment["WAYLAND_DISPLAY"] = self.name
+
+    def picture(self, path):
+        self.call("grim", path)
+        return path
+
+
+class Recording:
+    """A recorder at work; its end is its status and what it said."""
+
+    def __init__(self, screen, path, *options, stdout=None):
         self.path = path
         words = [RECORD, "--quiet", "--cursor", "off", "--display", screen.name, "-o", path, *options]
-        self.process = subprocess.Popen([str(word) for word in words], stderr=subprocess.PIPE,
-                                        text=True)
-        if self.process.poll() is None and "--duration" not in options:
+        self.process = subprocess.Popen([str(word) for word in words], stdout=stdout,
+                                        stderr=subprocess.PIPE, text=True)
+        if "--duration" not in options:
             eventually(lambda: self.process.poll() is not None or path.exists())
 
     def service(self):
-        """The number of the service's process."""
-        children = f"/proc/{self.process.pid}/task/{self.process.pid}/children"
-        with open(children) as numbers:
-            return int((numbers.read().split() or [0])[0])
+        """The number of the service's process; 0: there is none now."""
+        task = pathlib.Path(f"/proc/{self.process.pid}/task/{self.process.pid}/children")
+        return int((task.read_text().split() or [0])[0])
 
     def end(self):
-        """Waits for the end: status and what it said."""
         said = self.process.communicate(timeout=harness.HANG)[1]
         return self.process.returncode, said
 
     def stop(self, with_signal=signal.SIGTERM):
         self.process.send_signal(with_signal)
         return self.end()
+
+
+def crop(picture, width, height, x, y):
+    part = picture.with_name(f"{x}+{y} of {picture.name}")
+    run("ffmpeg", "-v", "error", "-i", picture, "-vf", f"crop={width}:{height}:{x}:{y}:exact=1", part)
+    return part
 
 
 def probe(path, entries):
@@ -110,7 +143,6 @@ def probe(path, entries):
 
 
 def stamps(path):
-    """Time of each picture of a movie, seconds, and the movie's length."""
     times = [float(row[0]) for row in probe(path, "packet=pts_time")]
     return times, float(probe(path, "format=duration")[0][0])
 
@@ -122,23 +154,16 @@ def frames(path):
 def last_picture(path):
     """The last decoded picture, as a file; a stream that does not decode in order fails."""
     picture = path.with_suffix(".png")
-    said = run("ffmpeg", "-v", "error", "-y", "-xerror", "-i", path, "-vf",
-               "setpts=N/25/TB", "-update", "1", picture)
-    assert said == ""
+    assert run("ffmpeg", "-v", "error", "-y", "-xerror", "-i", path, "-vf", "setpts=N/25/TB",
+               "-update", "1", picture) == ""
     return picture
 
 
 def likeness(one, other):
-    """PSNR in decibels; 99 for equal pictures."""
+    """PSNR in decibels."""
     said = run("ffmpeg", "-v", "info", "-i", one, "-i", other, "-lavfi", "psnr", "-f", "null", "-")
-    average = re.search(r"average:(\S+)", said)[1]
-    return 99.0 if average == "inf" else float(average)
+    return float(re.search(r"average:(\S+)", said)[1])
 
 
 def shows_the_screen(path, screen, folder):
     return likeness(last_picture(path), screen.picture(folder / "screen.png")) > 38
-
-
-def some_time(seconds):
-    """Up to so long, differently in each run."""
-    time.sleep(random.uniform(0.02, seconds))
