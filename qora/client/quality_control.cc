@@ -548,7 +548,10 @@ void QualityControl::guardSealed(QualityPlan& plan) {
     });
     guarded_.subtract(alike);
     list(alike, offset, kMostGuarded, plan);
-    alike.forEachCell([&](int32_t x, int32_t y) { markCoded(x, y, offsetOf(x, y)); });
+    alike.forEachCell([&](int32_t x, int32_t y) {
+      markCoded(x, y, offsetOf(x, y));
+      cell(x, y).refinedAt = cell(x, y).changedAt;  // not worth a frame that seals it again
+    });
   }
 }
 
