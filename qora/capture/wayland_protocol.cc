@@ -1,6 +1,6 @@
 // The tables that wayland-scanner makes: C, which leaves to the header what is visible elsewhere.
-#include "wlr-screencopy-client.h"
+#include <wlr-screencopy-client.h>
 
 extern "C" {
-#include "wlr-screencopy-code.h"
+#include <wlr-screencopy-code.h>
 }

@@ -4,13 +4,13 @@
 #include <sys/mman.h>
 #include <unistd.h>
 #include <wayland-client.h>
+#include <wlr-screencopy-client.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
 #include "qora/base/descriptor.h"
-#include "wlr-screencopy-client.h"
 
 namespace qora::capture {
 namespace {
