@@ -16,7 +16,7 @@ readonly calculator_x=820 calculator_y=64
 readonly terminal=(xterm -fa 'DejaVu Sans Mono' -fs 9 -bg '#20242c' -fg '#d8dee9' +sb)
 
 scroll_sources() {
-  for source in docs/protocol.md service/*.cc; do
+  for source in docs/protocol.md qora/service/*.cc; do
     while IFS= read -r line; do
       printf '%s\n' "$line"
       sleep 0.1
