@@ -15,6 +15,8 @@ BEGIN {
   print "qora-codec(7)\n\n# NAME\n\nqora-codec - the protocol between a parent and the codec service\n"
 }
 /^# / || /^- \[.*\]\(#/ { next }
+/^```mermaid/ { picture = 1 }  # a page of text has none
+picture { if ($0 == "```") picture = 0; next }
 /^    / { print "```\n" substr($0, 5) "\n```"; next }
 /^```/ { literal = !literal; print "```"; next }
 literal { print; next }
