@@ -114,9 +114,10 @@ int32_t RecordSession::startService() {
   std::string codecRoot = options_.codecRoot;
   if (completePaths(service, codecRoot, problem_) == -1) return -1;
   const std::string sandbox = options_.sandbox ? sandboxBeside(service) : "";
+  // A picture that is due goes before one that is only to be sharpened, and takes that along.
   const int32_t started = session_.start(
       {.service = {.servicePath = service, .codecRoot = codecRoot, .sandboxPath = sandbox},
-       .frameInterval = interval_});
+       .frameInterval = interval_ * 5 / 4});
   return started == 1 ? 1
                       : fail("cannot start the service " + service + ": " + session_.errorText());
 }
