@@ -10,7 +10,6 @@
 #include <cstring>
 
 #include "qora/base/error_text.h"
-#include "qora/base/file.h"
 
 namespace qora::tools {
 namespace {
@@ -75,10 +74,9 @@ int32_t ClipReader::readHeader() {
   return 1;
 }
 
-bool ClipReader::reads(const std::string& path) const {
-  struct stat other;
-  return S_ISREG(status_.st_mode) && file::statusOf(path.c_str(), other) == 1 &&
-         other.st_dev == status_.st_dev && other.st_ino == status_.st_ino;
+bool ClipReader::isOf(const struct stat& status) const {
+  return S_ISREG(status_.st_mode) && status.st_dev == status_.st_dev &&
+         status.st_ino == status_.st_ino;
 }
 
 bool ClipReader::hasInput() const {

@@ -32,8 +32,8 @@ class ClipReader {
   const ClipFormat& format() const { return format_; }
   // Frames in the clip as its length tells; -1 for a pipe.
   int64_t frameCount() const { return frameCount_; }
-  // Whether `path` names the file that is being read.
-  bool reads(const std::string& path) const;
+  // Whether this is the status of the file that is being read.
+  bool isOf(const struct stat& status) const;
 
   // Whether a read() would find something, be it the clip's end; files always have it.
   bool hasInput() const;

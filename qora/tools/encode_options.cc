@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "qora/client/stream_settings.h"
+#include "qora/tools/coded_output.h"
 #include "qora/tools/numbers.h"
 #include "qora/tools/option_table.h"
 
@@ -11,7 +12,7 @@ namespace qora::tools {
 namespace {
 
 constexpr char kAbout[] =
-    R"(Encodes a clip to H.264 (Annex B) through the codec service. INPUT is a Y4M file
+    R"(Encodes a clip to H.264 through the codec service. INPUT is a Y4M file
 with 8-bit 4:2:0 pictures, or raw I420 with --size; "-" is standard input.)";
 constexpr char kFooter[] =
     R"(Exit status: 0 done, 1 it failed, 2 the command line is wrong, 3 --verify found a frame
@@ -39,8 +40,10 @@ std::vector<std::string> colourNames() {
 }
 
 OptionTable tableFor(EncodeOptions& options) {
-  OptionTable table("qora-encode", "[options] INPUT -o OUTPUT.264", kAbout, kFooter);
-  table.string(options.output, {"output", 'o', "FILE", "where the coded clip goes"});
+  OptionTable table("qora-encode", "[options] INPUT -o OUTPUT", kAbout, kFooter);
+  table.string(options.output, {"output", 'o', "FILE",
+                                "where the coded clip goes: Annex B, or a movie if FILE ends with\n"
+                                ".mp4 or .mkv; \"-\": Annex B on standard output"});
   table.custom({"size", 0, "WxH", "INPUT is raw I420 of this picture size"},
                [&options](const char* value) { return readSize(value, options); });
   table.custom({"fps", 0, "N[/D]", "frames a second of a raw INPUT (default 25)"},
@@ -112,6 +115,10 @@ std::string checkTogether(const std::vector<std::string>& operands, EncodeOption
   options.input = operands[0];
   if (options.output.empty()) return "no output is named, use -o FILE";
   if (options.qpMin > options.qpMax) return "--qp-min is above --qp-max";
+  if (options.output == "-" && options.streams > 1) return "standard output takes one stream";
+  if (options.output == "-" && options.stats == "-")
+    return "standard output takes one of -o, --stats";
+  if (options.moves && isMovie(options.output)) return "players of movies cannot follow --moves";
   if (options.moves && options.noRectangles) return "--no-rectangles leaves nothing to move";
   const bool limitsHold = options.bitrate > 0 && options.quality == EncodeOptions::kNoQuality;
   if (!limitsHold && (options.qpMin != 0 || options.qpMax != client::kLargestQuantizer)) {

@@ -80,14 +80,17 @@ int32_t EncodeSession::run() {
   if (options_.verify && openVerifiers() == -1) return -1;
   // The outputs come late: a clip or a service that cannot be had leaves an earlier result alone.
   if (startService() == -1) return -1;
-  if (outputs_.open(clip_) == -1) return fail(outputs_.problem());
+  if (outputs_.open(clip_, facts_) == -1) return fail(outputs_.problem());
 
   start_ = Clock::now();
   const int32_t encoded = encodeClip();
   progress_.clear();
-  if (encoded == -1) return -1;
+  const auto end = pictureTime(frames_, clip_.format());
+  if (encoded == -1) {
+    static_cast<void>(outputs_.close(end));  // what there is can be played
+    return -1;
+  }
   if (session_.stop() == -1) return fail(session_.errorText());
-  const auto end = pictureTime(loaded_, clip_.format());
   if (outputs_.close(end) == -1) return fail(outputs_.problem());
   if (!options_.quiet) printSummary();
   return findMismatch();
@@ -293,7 +296,8 @@ std::string EncodeSession::verifiedText() const {
 
 // Follows why it ended early.
 std::string EncodeSession::keptText() const {
-  return "; frames kept in " + options_.output + ": " + std::to_string(frames_ - skipped_);
+  return "; frames kept in " + outputName(options_.output) + ": " +
+         std::to_string(frames_ - skipped_);
 }
 
 ProgressFigures EncodeSession::figures() const {

@@ -60,11 +60,24 @@ int32_t fillParameters(AVCodecParameters& parameters, const std::vector<uint8_t>
   std::memcpy(copy, sets.data(), sets.size());
   parameters.extradata = static_cast<uint8_t*>(copy);
   parameters.extradata_size = static_cast<int>(sets.size());
-  parameters.color_range = AVCOL_RANGE_MPEG;
-  parameters.color_primaries = AVCOL_PRI_BT709;
-  parameters.color_space = AVCOL_SPC_BT709;
-  parameters.color_trc = AVCOL_TRC_IEC61966_2_1;
   return 0;
+}
+
+// The library's numbers for colours are those of H.264.
+void repeatFacts(const client::SequenceFacts& facts, AVStream& stream) {
+  AVCodecParameters& parameters = *stream.codecpar;
+  parameters.color_range = facts.fullRange ? AVCOL_RANGE_JPEG : AVCOL_RANGE_MPEG;
+  parameters.color_primaries = static_cast<AVColorPrimaries>(facts.primaries);
+  parameters.color_space = static_cast<AVColorSpace>(facts.matrix);
+  parameters.color_trc = static_cast<AVColorTransferCharacteristic>(facts.transfer);
+  parameters.sample_aspect_ratio = {facts.aspectWidth, facts.aspectHeight};
+  stream.sample_aspect_ratio = parameters.sample_aspect_ratio;
+  stream.time_base = kMilliseconds;
+  if (!facts.fixedRate) return;
+  const auto numerator = static_cast<int>(facts.rateNumerator);
+  const auto denominator = static_cast<int>(facts.rateDenominator);
+  stream.avg_frame_rate = {numerator, denominator};
+  stream.time_base = {denominator, numerator};
 }
 
 }  // namespace
@@ -88,7 +101,8 @@ int32_t MovieWriter::fail(int error) {
   return -1;
 }
 
-int32_t MovieWriter::open(const std::string& path, int32_t width, int32_t height) {
+int32_t MovieWriter::open(const std::string& path, int32_t width, int32_t height,
+                          const client::SequenceFacts& facts) {
   path_ = path;
   AVFormatContext* format = nullptr;
   // "file:": a colon in a name begins no protocol.
@@ -104,7 +118,7 @@ int32_t MovieWriter::open(const std::string& path, int32_t width, int32_t height
   }
   stream_ = ::avformat_new_stream(format, nullptr);
   if (stream_ == nullptr) return fail(AVERROR(ENOMEM));
-  stream_->time_base = kMilliseconds;
+  repeatFacts(facts, *stream_);
   stream_->codecpar->codec_type = AVMEDIA_TYPE_VIDEO;
   stream_->codecpar->codec_id = AV_CODEC_ID_H264;
   stream_->codecpar->width = width;

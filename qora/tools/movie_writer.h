@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "qora/client/sequence_parameters.h"
+
 struct AVFormatContext;
 struct AVStream;
 
@@ -29,8 +31,11 @@ class MovieWriter {
   // Whether a file of that name is written here, by its suffix.
   static bool takes(const std::string& path);
 
-  // Creates the file; its kind comes from the suffix. -1 with problem(), as for all below.
-  [[nodiscard]] int32_t open(const std::string& path, int32_t width, int32_t height);
+  // Creates the file; its kind comes from the suffix. It repeats what the stream says of itself:
+  // with a fixed rate times are exact in .mp4, otherwise milliseconds as in .mkv. -1 with
+  // problem(), as for all below; always in a build without libavformat.
+  [[nodiscard]] int32_t open(const std::string& path, int32_t width, int32_t height,
+                             const client::SequenceFacts& facts);
   bool isOpen() const { return format_ != nullptr; }
 
   // Takes the next access unit, in Annex B form. The first one is a key frame with its parameter

@@ -1,14 +1,19 @@
 // qora/tools/output_files.h -- What qora-encode writes: coded clips and their statistics.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "qora/client/screen_session.h"
-#include "qora/client/stream_format.h"
+#include "qora/client/sequence_parameters.h"
 #include "qora/tools/clip_reader.h"
+#include "qora/tools/coded_output.h"
 #include "qora/tools/encode_options.h"
 
 namespace qora::tools {
@@ -20,8 +25,9 @@ class OutputFiles {
   explicit OutputFiles(const EncodeOptions& options) : options_(options) {}
 
   // All of these: 1, or -1 with problem(), which has the file's name in front.
-  // None of the files may be the one that `input` reads.
-  [[nodiscard]] int32_t open(const ClipReader& input);
+  // Each has to be a file of its own, and none the one that `input` reads; what was there before is
+  // lost only when all can be written.
+  [[nodiscard]] int32_t open(const ClipReader& input, const client::SequenceFacts& facts);
   // A coded frame of a picture of which `changed` macroblocks changed, shown from `time` on, in its
   // line `number`.
   [[nodiscard]] int32_t write(const client::CodedFrame& frame, Time time, int64_t number,
@@ -32,19 +38,22 @@ class OutputFiles {
   const std::string& problem() const { return problem_; }
 
  private:
-  int32_t fail(const std::string& path);
-  int32_t begin(const ClipFormat& format, FILE* file);
-  int32_t writeMoves(const client::CodedFrame& frame, Time time);
-  int32_t writeEnd(int32_t stream, Time end);
-  int32_t openFile(const ClipReader& input, const std::string& path, File& file);
-  int32_t closeFile(File& file, const std::string& path);
+  int32_t fail(const std::string& problem);
+  int32_t failFile(const std::string& path);
+  int32_t findStatus(const std::string& path, struct stat& status);
+  int32_t claim(const ClipReader& input, const std::string& path);
+  int32_t claimAll(const ClipReader& input);
+  int32_t openAll(const ClipFormat& format, const client::SequenceFacts& facts);
+  int32_t openStats();
+  int32_t closeStats();
   void writeLine(const client::CodedFrame& frame, int64_t number, int32_t changed);
 
   const EncodeOptions& options_;
-  std::vector<File> streams_;
-  client::FrameHead head_;   // of a stream with moves
+  std::vector<std::unique_ptr<CodedOutput>> streams_;
   std::vector<Time> times_;  // of each stream's next frame, at the earliest
   File stats_;
+  std::vector<std::pair<dev_t, ino_t>> claimed_;
+  std::vector<std::string> created_;
   std::string problem_;
 };
 

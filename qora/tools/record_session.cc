@@ -41,6 +41,11 @@ int64_t macroblocksIn(const auto& list) {
   return pixels / (client::kMacroblockSize * client::kMacroblockSize);
 }
 
+OutputKind kindOf(const std::string& path) {
+  if (isMovie(path)) return OutputKind::movie;
+  return path.ends_with(".264") ? OutputKind::raw : OutputKind::moves;
+}
+
 }  // namespace
 
 std::string recordText(const RecordFigures& figures) {
@@ -63,6 +68,9 @@ std::string recordText(const RecordFigures& figures) {
 RecordSession::RecordSession(const RecordOptions& options)
     : options_(options),
       interval_(1'000'000 / options.framesASecond),
+      facts_{.rateNumerator = static_cast<uint32_t>(options.framesASecond),
+             .transfer = kSrgbTransfer,
+             .chromaLocation = 1},
       progress_(!options.quiet && ::isatty(STDERR_FILENO) == 1) {}
 
 int32_t RecordSession::fail(const std::string& problem) {
@@ -101,7 +109,8 @@ int32_t RecordSession::open() {
                                  .pointer = options_.pointer != 0},
                                 problem_);
   if (screen_ == nullptr) return -1;
-  output_ = makeOutput(options_.output);
+  output_ = makeOutput(options_.output,
+                       {.kind = kindOf(options_.output), .facts = facts_, .isLive = true});
   ignoreInterrupts();
   const int32_t started = startService();
   noteInterrupts();
@@ -278,19 +287,16 @@ RecordSession::Time RecordSession::timeOfFrame() {
 // The encoder's own parameter sets promise 25 frames a second and say nothing of colour.
 std::span<const uint8_t> RecordSession::trueAccessUnit() {
   if (!frame_.keyFrame) return frame_.bytes;
-  const client::SequenceFacts facts{.rateNumerator = static_cast<uint32_t>(options_.framesASecond),
-                                    .transfer = kSrgbTransfer,
-                                    .chromaLocation = 1};
   const bool rewritten = client::rewriteSequenceParameters(
-                             frame_.bytes, client::NalFraming::startCodes, facts, rewritten_) == 1;
+                             frame_.bytes, client::NalFraming::startCodes, facts_, rewritten_) == 1;
   return rewritten ? rewritten_ : frame_.bytes;
 }
 
 int32_t RecordSession::writeFrame(Time time) {
-  const RecordedFrame recorded{.time = time,
-                               .keyFrame = frame_.keyFrame,
-                               .accessUnit = trueAccessUnit(),
-                               .copies = frame_.copies};
+  const OutputFrame recorded{.time = time,
+                             .keyFrame = frame_.keyFrame,
+                             .accessUnit = trueAccessUnit(),
+                             .copies = frame_.copies};
   if (output_->write(recorded) == -1) return fail(output_->problem());
   lastFrame_ = time;
   if (frame_.keyFrame) lastKey_ = time;

@@ -16,9 +16,10 @@
 #include "qora/capture/screen.h"
 #include "qora/client/move_detector.h"
 #include "qora/client/screen_session.h"
+#include "qora/client/sequence_parameters.h"
+#include "qora/tools/coded_output.h"
 #include "qora/tools/progress.h"
 #include "qora/tools/record_options.h"
-#include "qora/tools/record_output.h"
 #include "qora/tools/screen_reader.h"
 
 namespace qora::tools {
@@ -79,7 +80,8 @@ class RecordSession {
 
   const RecordOptions options_;
   const Time interval_;  // between pictures, at least
-  std::unique_ptr<RecordOutput> output_;
+  const client::SequenceFacts facts_;
+  std::unique_ptr<CodedOutput> output_;
   std::unique_ptr<capture::Screen> screen_;
   client::ScreenSession session_;
   ScreenReader reader_;

@@ -86,6 +86,12 @@ constexpr std::pair<const char*, std::string_view> kBadInputs[] = {
     {"clip -o out --size 48x32", "1 clip: a Y4M clip; --size is for raw I420 ones"},
     {"text -o out --size 48x32", "1 text: frame 0 is cut off"},
     {"clip -o clip", "1 clip: would overwrite the input"},
+    {"clip -o old --stats ./old", "1 ./old: two outputs are this file"},
+    {"clip -o old --stats twin", "1 twin: two outputs are this file"},
+    {"clip -o new --stats ./new", "1 ./new: two outputs are this file"},
+    {"clip -o - --stats old >>old", "1 old: two outputs are this file"},
+    {"clip -o - --streams 2", "2 standard output takes one stream (see --help)"},
+    {"clip -o x.mp4 --moves", "2 players of movies cannot follow --moves (see --help)"},
     {"clip -o no/out", "1 no/out: No such file or directory"},
     {"clip -o /dev/full", "1 /dev/full: No space left on device"},
     {"clip -o out --stats /dev/full", "1 /dev/full: No space left on device"},
@@ -120,12 +126,35 @@ TEST_F(QoraEncodeTest, EncodesAClipInSeveralStreams) {
       "stream,frame,type,bytes,quantizer,encode_ms,round_trip_ms,changed_macroblocks\n"
       "0,0,I,6\n1,0,I,6\n0,1,P,0\n1,1,P,0\n0,2,P,1\n1,2,P,1\n",
       std::regex_replace(read("out.csv"), varying, ","));
+  EXPECT_EQ("0 ", run("clip -o - --quiet >piped.264"));
+  EXPECT_EQ(read("out.264"), read("piped.264"));
   EXPECT_EQ("0 ", run("raw --size 48x32 --fps 60000/1001 -o raw.264 --quiet"));
   EXPECT_EQ(read("out.264"), read("raw.264"));
   said = run("clip --skip-unchanged -o few.264 --stats few.csv");
   EXPECT_NE(std::string::npos, said.find(", 1 of them skipped, 38.9%")) << said;
   EXPECT_EQ(std::string::npos, read("few.csv").find("\n1,"));
   EXPECT_TRUE(run("clip --frames 2 --no-rectangles -o short").starts_with("0 encoded 2 frames, "));
+}
+
+// A clip's header, arguments, and what a player learns: aspect, range, colours, chroma, rate.
+constexpr std::tuple<const char*, const char*, const char*> kFacts[] = {
+    {"F30000:1001 A4:3 C420jpeg XCOLORRANGE=FULL", "--colour srgb",
+     "4:3,pc,bt709,iec61966-2-1,bt709,center,30000/1001\n"},
+    {"F50:1 C420mpeg2", "--colour bt601", "1:1,tv,smpte170m,smpte170m,smpte170m,left,50/1\n"},
+};
+
+TEST_F(QoraEncodeTest, TellsPlayersWhatTheClipIs) {
+  for (const auto& [header, arguments, expected] : kFacts) {
+    write("clip", clip((std::string("YUV4MPEG2 W48 H32 ") + header + "\n").c_str(), "FRAME\n"));
+    for (const std::string name : {"out.264", "out.mp4", "out.mkv"}) {
+      EXPECT_EQ("0 ", run(std::string("clip --quiet ") + arguments + " -o " + name));
+      const std::string probe =
+          "ffprobe -v error -of csv=p=0 -show_entries stream=sample_aspect_ratio,color_range,"
+          "color_space,color_transfer,color_primaries,chroma_location,r_frame_rate ";
+      EXPECT_EQ(0, std::system((probe + name + " >told").c_str()));
+      EXPECT_EQ(expected, read("told")) << name;
+    }
+  }
 }
 
 // Two seconds of noise: one frame for each picture whatever the rate has room for.
@@ -149,6 +178,8 @@ TEST_F(QoraEncodeTest, EndsWithOneLineOnBadInput) {
   for (const auto& [name, content, bytes] : kClips) {
     write(name, content != nullptr ? content : whole.substr(0, bytes));
   }
+  write("old", "kept");
+  std::filesystem::create_hard_link("old", "twin");
   write("PEER", "#!/bin/sh\nexit 22\n");
   std::filesystem::permissions("PEER", std::filesystem::perms::owner_all);
   for (const auto& [arguments, end] : kBadInputs) {
@@ -156,6 +187,8 @@ TEST_F(QoraEncodeTest, EndsWithOneLineOnBadInput) {
     EXPECT_EQ(std::string(end.substr(0, 2)) + "qora-encode: " + said + "\n", run(arguments));
   }
   EXPECT_EQ(whole, read("clip"));
+  EXPECT_EQ("kept", read("old"));
+  EXPECT_FALSE(std::filesystem::exists("new"));
 }
 
 TEST_F(QoraEncodeTest, FinishesItsFrameWhenInterrupted) {

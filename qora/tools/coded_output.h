@@ -1,6 +1,7 @@
-// qora/tools/record_output.h -- Where a recording goes: a raw file, a movie, a stream with moves.
+// qora/tools/coded_output.h -- Where coded frames go: a raw file, a movie, a stream with moves.
 //
-// Times are the recording's, from 0 on. Results: 1, -1 with problem(), one line for a person.
+// Times are those of the recording or clip, from 0 on. Results: 1, -1 with problem(), one line for
+// a person.
 #pragma once
 
 #include <chrono>
@@ -10,21 +11,22 @@
 #include <string>
 
 #include "qora/client/codec_client.h"
+#include "qora/client/sequence_parameters.h"
 
 namespace qora::tools {
 
-struct RecordedFrame {
-  std::chrono::microseconds time;  // when the screen looked so
+struct OutputFrame {
+  std::chrono::microseconds time;  // when it looked so
   bool keyFrame;
   std::span<const uint8_t> accessUnit;  // Annex B
   std::span<const service::RegionCopy> copies;
 };
 
-class RecordOutput {
+class CodedOutput {
  public:
   using Time = std::chrono::microseconds;
 
-  virtual ~RecordOutput() = default;
+  virtual ~CodedOutput() = default;
 
   // Whether frames may have copies.
   virtual bool takesCopies() const { return false; }
@@ -34,7 +36,7 @@ class RecordOutput {
   // Pictures have this size from `now` on; to be called before the first frame. The next frame is a
   // key frame.
   [[nodiscard]] virtual int32_t setSize(int32_t width, int32_t height, Time now) = 0;
-  [[nodiscard]] virtual int32_t write(const RecordedFrame& frame) = 0;
+  [[nodiscard]] virtual int32_t write(const OutputFrame& frame) = 0;
 
   // When flush() is to be called, so that a killed recorder leaves what it showed until then.
   virtual Time flushDue() const { return Time::max(); }
@@ -51,7 +53,21 @@ class RecordOutput {
   std::string problem_;
 };
 
-// By the name's suffix, see qora-record --help. Nothing is created yet.
-std::unique_ptr<RecordOutput> makeOutput(const std::string& path);
+enum class OutputKind { raw, movie, moves };
+
+struct OutputOptions {
+  OutputKind kind = OutputKind::raw;
+  client::SequenceFacts facts = {};  // that a container repeats
+  bool isLive = false;               // time 0 is now, by the wall clock
+};
+
+// A path as a person reads it: "standard output" for "-".
+std::string outputName(const std::string& path);
+
+// Whether a name is that of a movie, by its suffix.
+bool isMovie(const std::string& path);
+
+// `path` may be "-", standard output, except for a movie. Nothing is created before setSize().
+std::unique_ptr<CodedOutput> makeOutput(const std::string& path, const OutputOptions& options);
 
 }  // namespace qora::tools

@@ -1,4 +1,4 @@
-#include "qora/tools/record_output.h"
+#include "qora/tools/coded_output.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -16,11 +16,16 @@ namespace qora::tools {
 namespace {
 
 int32_t createFile(const std::string& path) {
+  if (path == "-") return ::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0);
   return ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
 }
 
+std::string problemOf(const std::string& path) {
+  return outputName(path) + ": " + errorText(errno);
+}
+
 // Access units one after the other, each written as soon as it is there.
-class RawOutput final : public RecordOutput {
+class RawOutput final : public CodedOutput {
  public:
   explicit RawOutput(std::string path) : path_(std::move(path)) {}
 
@@ -29,7 +34,7 @@ class RawOutput final : public RecordOutput {
     file_.reset(createFile(path_));
     return file_.get() == -1 ? fail() : 1;
   }
-  int32_t write(const RecordedFrame& frame) override {
+  int32_t write(const OutputFrame& frame) override {
     std::span<const uint8_t> left = frame.accessUnit;
     while (!left.empty()) {
       const ssize_t written = ::write(file_.get(), left.data(), left.size());
@@ -46,7 +51,7 @@ class RawOutput final : public RecordOutput {
 
  private:
   int32_t fail() {
-    problem_ = path_ + ": " + errorText(errno);
+    problem_ = problemOf(path_);
     return -1;
   }
 
@@ -55,65 +60,60 @@ class RawOutput final : public RecordOutput {
 };
 
 // Access units with the copies that their viewer makes.
-class StreamOutput final : public RecordOutput {
+class StreamOutput final : public CodedOutput {
  public:
-  explicit StreamOutput(std::string path) : path_(std::move(path)) {}
+  StreamOutput(std::string path, bool isLive) : path_(std::move(path)), isLive_(isLive) {}
 
   bool takesCopies() const override { return true; }
   int32_t setSize(int32_t width, int32_t height, Time) override {
     size_ = {.width = static_cast<uint16_t>(width), .height = static_cast<uint16_t>(height)};
-    if (descriptor_ != -1) return 1;
-    if (path_ == "-") {
-      descriptor_ = STDOUT_FILENO;
-    } else {
-      file_.reset(createFile(path_));
-      descriptor_ = file_.get();
-    }
-    if (descriptor_ == -1) return fail();
+    if (file_.get() != -1) return 1;
+    file_.reset(createFile(path_));
+    if (file_.get() == -1) return fail();
     const auto wallClock = std::chrono::system_clock::now().time_since_epoch();
+    const Time start = isLive_ ? std::chrono::duration_cast<Time>(wallClock) : Time{};
     return written(client::writeStreamHeader(
-        descriptor_, {.width = size_.width,
-                      .height = size_.height,
-                      .startTime = std::chrono::duration_cast<Time>(wallClock).count()}));
+        file_.get(), {.width = size_.width, .height = size_.height, .startTime = start.count()}));
   }
-  int32_t write(const RecordedFrame& frame) override {
+  int32_t write(const OutputFrame& frame) override {
     client::FrameHead head = size_;
     head.time = frame.time.count();
     head.keyFrame = frame.keyFrame;
-    return written(client::writeFrame(descriptor_, head, frame.accessUnit, frame.copies));
+    return written(client::writeFrame(file_.get(), head, frame.accessUnit, frame.copies));
   }
   int32_t close(Time end) override {
     client::FrameHead head = size_;
     head.time = end.count();
     head.end = true;
-    return descriptor_ == -1 ? 1 : written(client::writeFrame(descriptor_, head, {}, {}));
+    return file_.get() == -1 ? 1 : written(client::writeFrame(file_.get(), head, {}, {}));
   }
 
  private:
   int32_t written(int32_t result) { return result == -1 ? fail() : 1; }
   int32_t fail() {
-    problem_ = (path_ == "-" ? "standard output" : path_) + ": " + errorText(errno);
+    problem_ = problemOf(path_);
     return -1;
   }
 
   std::string path_;
+  bool isLive_;
   Descriptor file_;
-  int32_t descriptor_ = -1;
   client::FrameHead size_;
 };
 
 // A container has one picture size: each other one begins a file of its own, "clip.1.mp4".
-class MovieOutput final : public RecordOutput {
+class MovieOutput final : public CodedOutput {
  public:
-  explicit MovieOutput(std::string path) : path_(std::move(path)) {}
+  MovieOutput(std::string path, const client::SequenceFacts& facts)
+      : path_(std::move(path)), facts_(facts) {}
 
   bool isSeekable() const override { return true; }
   int32_t setSize(int32_t width, int32_t height, Time now) override {
     if (close(now) == -1) return -1;
     begin_ = now;
-    return told(writer_.open(outputPath(path_, files_++), width, height));
+    return told(writer_.open(outputPath(path_, files_++), width, height, facts_));
   }
-  int32_t write(const RecordedFrame& frame) override {
+  int32_t write(const OutputFrame& frame) override {
     return told(writer_.write(frame.accessUnit, frame.keyFrame, frame.time - begin_));
   }
   Time flushDue() const override {
@@ -131,6 +131,7 @@ class MovieOutput final : public RecordOutput {
   }
 
   std::string path_;
+  client::SequenceFacts facts_;
   MovieWriter writer_;
   int32_t files_ = 0;
   Time begin_{};  // of the file
@@ -138,10 +139,24 @@ class MovieOutput final : public RecordOutput {
 
 }  // namespace
 
-std::unique_ptr<RecordOutput> makeOutput(const std::string& path) {
-  if (MovieWriter::takes(path)) return std::make_unique<MovieOutput>(path);
-  if (path.ends_with(".264")) return std::make_unique<RawOutput>(path);
-  return std::make_unique<StreamOutput>(path);
+std::string outputName(const std::string& path) {
+  return path == "-" ? "standard output" : path;
+}
+
+bool isMovie(const std::string& path) {
+  return MovieWriter::takes(path);
+}
+
+std::unique_ptr<CodedOutput> makeOutput(const std::string& path, const OutputOptions& options) {
+  switch (options.kind) {
+    case OutputKind::raw:
+      return std::make_unique<RawOutput>(path);
+    case OutputKind::movie:
+      return std::make_unique<MovieOutput>(path, options.facts);
+    case OutputKind::moves:
+      break;
+  }
+  return std::make_unique<StreamOutput>(path, options.isLive);
 }
 
 }  // namespace qora::tools
