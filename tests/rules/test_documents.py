@@ -56,7 +56,7 @@ def test_the_clips_of_the_readme_are_encoded(tmp_path):
                         "-pix_fmt", "yuv420p", name], cwd=tmp_path, check=True)
     environment = os.environ | {"PATH": f"{BUILD.resolve()}:{os.environ['PATH']}"}
     subprocess.run(["sh", "-eu", "-c", block], cwd=tmp_path, check=True, env=environment)
-    assert all((tmp_path / name).stat().st_size > 100 for name in ("clip.264", "movie.264"))
+    assert all((tmp_path / name).stat().st_size > 100 for name in ("clip.mp4", "movie.264"))
 
 
 def test_the_bytes_of_the_scroll_are_that_command():
