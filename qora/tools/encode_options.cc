@@ -89,6 +89,15 @@ OptionTable tableFor(EncodeOptions& options) {
   table.flag(options.verify, {"verify", 0, nullptr,
                               "decode each frame as it comes and compare it with the clip: that\n"
                               "it is intact, as good as its quantizers allow, and does not drift"});
+  table.flag(options.psnr, {"psnr", 0, nullptr,
+                            "decode OUTPUT and put its PSNR into the summary, all samples of all\n"
+                            "frames and the worst frame; with several streams that of the first"});
+  table.flag(options.ssim, {"ssim", 0, nullptr, "the same with the mean structural similarity"});
+  table.flag(options.progress,
+             {"progress", 0, nullptr,
+              "lines for a program on standard output, or on standard error\n"
+              "where -o - or --stats - needs that: key=value, a block four times\n"
+              "a second that ends with progress=continue, the last with =end"});
   table.number(options.frames, {"frames", 0, "N", "stop after N frames"}, 1, OptionTable::kNoLimit);
   table.string(options.stats, {"stats", 0, "FILE.csv",
                                "a line a frame: type, bytes, quantizer, times, changes;\n"

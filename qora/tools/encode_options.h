@@ -27,6 +27,9 @@ struct EncodeOptions {
   bool skipUnchanged = false;  // pictures in which nothing changed are not encoded
   bool moves = false;          // the output is a stream with moves
   bool verify = false;         // what is coded is decoded and compared
+  bool psnr = false;           // and these are measured
+  bool ssim = false;
+  bool progress = false;  // lines for a program
   bool quiet = false;
   bool verbose = false;   // the service's own lines are shown
   bool sandbox = false;   // the service gets the system calls that it needs and no others

@@ -41,6 +41,17 @@ client::SequenceFacts factsOf(const ClipFormat& format, const EncodeOptions& opt
   return facts;
 }
 
+FILE* keysTo(const EncodeOptions& options) {
+  if (!options.progress) return nullptr;
+  return options.output == "-" || options.stats == "-" ? stderr : stdout;
+}
+
+std::string fixed(double value, int32_t digits) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%.*f", digits, value);
+  return text;
+}
+
 // Between pictures of one size in cells of one layout, the bytes between rows included.
 void copyPicture(const client::Picture& from, const client::Picture& to) {
   for (int32_t plane = 0; plane < 3; ++plane) {
@@ -65,7 +76,8 @@ std::chrono::microseconds pictureTime(int64_t number, const ClipFormat& format) 
 EncodeSession::EncodeSession(const EncodeOptions& options)
     : options_(options),
       outputs_(options_),
-      progress_(!options.quiet && ::isatty(STDERR_FILENO) == 1) {}
+      progress_(!options.quiet && ::isatty(STDERR_FILENO) == 1),
+      keys_(keysTo(options)) {}
 
 int32_t EncodeSession::fail(const std::string& problem) {
   problem_ = problem;
@@ -77,7 +89,7 @@ int32_t EncodeSession::run() {
   const Loaded first = loadPicture();
   if (first == Loaded::end) return fail(options_.input + ": the clip has no frame");
   if (first == Loaded::failed) return -1;
-  if (options_.verify && openVerifiers() == -1) return -1;
+  if (openVerifiers() == -1) return -1;
   // The outputs come late: a clip or a service that cannot be had leaves an earlier result alone.
   if (startService() == -1) return -1;
   if (outputs_.open(clip_, facts_) == -1) return fail(outputs_.problem());
@@ -93,6 +105,7 @@ int32_t EncodeSession::run() {
   if (session_.stop() == -1) return fail(session_.errorText());
   if (outputs_.close(end) == -1) return fail(outputs_.problem());
   if (!options_.quiet) printSummary();
+  keys_.end(figures(), measuredKeys());
   return findMismatch();
 }
 
@@ -165,6 +178,7 @@ int32_t EncodeSession::encodeClip() {
       next = idle || clip_.hasInput() ? loadPicture() : Loaded::notYet;
       if (takeFrames(next == Loaded::skipped ? 0 : -1) == -1) return -1;
       progress_.update(figures());
+      keys_.update(figures());
     }
     if (next == Loaded::end) return 1;
     if (next == Loaded::failed) return fail(problem_ + keptText());
@@ -243,7 +257,7 @@ int32_t EncodeSession::takeFrames(int32_t timeout) {
     if (outputs_.write(frame_, clipTime_, frames_, changedInWork_) == -1) {
       return fail(outputs_.problem());
     }
-    if (!verifiers_.empty() && verify() == -1) return -1;
+    if (verify() == -1) return -1;
   }
   if (taken == -1) return fail(session_.errorText());
   if (session_.framesInFlight() > 0) return 0;
@@ -260,15 +274,22 @@ int32_t EncodeSession::takeFrames(int32_t timeout) {
 }
 
 int32_t EncodeSession::openVerifiers() {
-  for (int32_t stream = 0; stream < options_.streams; ++stream) {
-    if (verifiers_.emplace_back().open(problem_) == -1) return -1;
+  const int32_t measured = options_.psnr || options_.ssim ? 1 : 0;
+  const int32_t count = options_.verify ? options_.streams : measured;
+  for (int32_t stream = 0; stream < count; ++stream) {
+    std::string problem;
+    if (verifiers_.emplace_back().open(problem) == -1) {
+      return fail("--verify, --psnr and --ssim have to decode: " + problem);
+    }
   }
+  if (count > 0) verifiers_[0].measureSimilarity(options_.ssim);
   return 1;
 }
 
 // The frame that came last. The session has one picture at a time in work, the one given last.
 int32_t EncodeSession::verify() {
   const auto stream = static_cast<size_t>(frame_.stream);
+  if (stream >= verifiers_.size()) return 1;
   client::Picture source;
   const bool isThere = session_.present(frame_.stream, source) == 1;
   const bool isOf = frame_.picture + 1 == given_[stream];
@@ -277,7 +298,7 @@ int32_t EncodeSession::verify() {
 }
 
 int32_t EncodeSession::findMismatch() {
-  for (size_t stream = 0; stream < verifiers_.size(); ++stream) {
+  for (size_t stream = 0; options_.verify && stream < verifiers_.size(); ++stream) {
     const std::string mismatch = verifiers_[stream].mismatch();
     if (mismatch.empty()) continue;
     problem_ = outputPath(options_.output, static_cast<int32_t>(stream)) + ": " + mismatch;
@@ -286,12 +307,22 @@ int32_t EncodeSession::findMismatch() {
   return 1;
 }
 
-// Of stream 0.
-std::string EncodeSession::verifiedText() const {
-  if (verifiers_.empty()) return "";
-  const CheckFigures figures = verifiers_[0].figures();
-  return ", PSNR " + decibelText(figures.psnr) + ", " + decibelText(figures.worstPsnr) +
-         " at frame " + std::to_string(figures.worstFrame);
+// Of stream 0, as all that is measured.
+std::string EncodeSession::measuredText() const {
+  std::string text;
+  if (options_.psnr || options_.verify) {
+    const CheckFigures figures = verifiers_[0].figures();
+    text = ", PSNR " + decibelText(figures.psnr) + ", " + decibelText(figures.worstPsnr) +
+           " at frame " + std::to_string(figures.worstFrame);
+  }
+  return options_.ssim ? text + ", SSIM " + fixed(verifiers_[0].similarity(), 5) : text;
+}
+
+// PSNR is "inf" when all frames are equal.
+std::string EncodeSession::measuredKeys() const {
+  std::string keys;
+  if (options_.psnr) keys = "psnr=" + fixed(verifiers_[0].figures().psnr, 2) + "\n";
+  return options_.ssim ? keys + "ssim=" + fixed(verifiers_[0].similarity(), 5) + "\n" : keys;
 }
 
 // Follows why it ended early.
@@ -322,7 +353,7 @@ void EncodeSession::printSummary() const {
       skipped_ > 0 ? ", " + std::to_string(skipped_) + " of them skipped" : "";
   std::fprintf(stderr, "encoded %s%s%s, %.1f%% of the macroblocks changed%s\n",
                progressText(done).c_str(), skipped.c_str(), streams.c_str(), share,
-               verifiedText().c_str());
+               measuredText().c_str());
 }
 
 }  // namespace qora::tools

@@ -60,7 +60,8 @@ class EncodeSession {
   int32_t openVerifiers();
   int32_t verify();
   int32_t findMismatch();
-  std::string verifiedText() const;
+  std::string measuredText() const;
+  std::string measuredKeys() const;
   int32_t takeFrames(int32_t timeout);
   void writeFacts();
   std::string keptText() const;
@@ -74,13 +75,14 @@ class EncodeSession {
   client::ScreenSession session_;
   OutputFiles outputs_;
   ProgressLine progress_;
+  ProgressKeys keys_;
   Clock::time_point start_;
   client::Picture loading_{};  // of stream 0, to be filled next
   client::Damage changes_;     // in that
   client::MoveDetector detector_;
   client::Moves moves_;  // in that picture
   client::CodedFrame frame_;
-  std::deque<StreamVerifier> verifiers_;  // one for each stream; none: nothing is verified
+  std::deque<StreamVerifier> verifiers_;                // of all streams, of the first, or none
   std::array<int64_t, service::kStreamCount> given_{};  // pictures, to each stream
   client::SequenceFacts facts_;
   std::vector<uint8_t> rewritten_;  // memory for a frame with these

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <cstdio>
 #include <string>
 
 namespace qora::tools {
@@ -18,6 +19,25 @@ struct ProgressFigures {
 // "[12.3%] 37/300 frames, 58.10 fps, 1234.56 kb/s, eta 0:00:05"; without a known total
 // "37 frames, 58.10 fps, 1234.56 kb/s".
 std::string progressText(const ProgressFigures& figures);
+
+// The same for a program, a figure a line: "frames=37", "total=300" where it is known,
+// "bytes=148000", "seconds=0.500", "fps=74.00", "kbps=960.00".
+std::string progressKeys(const ProgressFigures& figures);
+
+// Blocks of such lines, a few times a second.
+class ProgressKeys {
+ public:
+  // `to` is borrowed; null: none are wanted.
+  explicit ProgressKeys(FILE* to) : to_(to) {}
+
+  void update(const ProgressFigures& figures);
+  // The last block; `more` are further lines.
+  void end(const ProgressFigures& figures, const std::string& more);
+
+ private:
+  FILE* to_;
+  std::chrono::steady_clock::time_point next_{};
+};
 
 // One line on standard error that is written over, a few times a second.
 class ProgressLine {

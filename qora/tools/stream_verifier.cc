@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "qora/client/quality_control.h"
+#include "qora/tools/ssim.h"
 
 namespace qora::tools {
 namespace {
@@ -45,9 +46,15 @@ void StreamVerifier::noteQuantizers(const client::CodedFrame& frame) {
 void StreamVerifier::compare(const client::CodedFrame& frame, const client::Picture& source,
                              bool isOf) {
   const double psnr = check_.add(source, decoder_.picture(), frame.keyFrame);
+  if (measuresSimilarity_) similarities_ += structuralSimilarity(source, decoder_.picture());
   if (!isOf || !mismatch_.empty() || psnr >= lowestPsnr(coarsest_)) return;
   mismatch_ = "frame " + std::to_string(frames_) + " has " + decibelText(psnr) +
               ", its quantizers allow " + decibelText(lowestPsnr(coarsest_));
+}
+
+double StreamVerifier::similarity() const {
+  const int64_t frames = figures().frames;
+  return frames == 0 ? 0 : similarities_ / static_cast<double>(frames);
 }
 
 std::string StreamVerifier::mismatch() const {

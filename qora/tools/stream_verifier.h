@@ -19,6 +19,8 @@ class StreamVerifier {
  public:
   // 1, or -1 with one line in `problem`.
   [[nodiscard]] int32_t open(std::string& problem) { return decoder_.open(problem); }
+  // Whether similarity() is wanted, which costs about as much as the rest.
+  void measureSimilarity(bool wanted) { measuresSimilarity_ = wanted; }
 
   // A frame in the order of sending, and the clip's picture now; `isOf`: the frame is of that very
   // picture, not of one before. 1, or -1: no memory.
@@ -28,6 +30,8 @@ class StreamVerifier {
   // The first thing that was wrong, with the frame's number; empty: nothing so far.
   std::string mismatch() const;
   CheckFigures figures() const { return check_.figures(); }
+  // Structural, the mean of all frames.
+  double similarity() const;
 
  private:
   void noteQuantizers(const client::CodedFrame& frame);
@@ -38,6 +42,8 @@ class StreamVerifier {
   int64_t frames_ = 0;
   int32_t coarsest_ = 0;  // quantizer of any macroblock since the last key frame
   std::string mismatch_;
+  bool measuresSimilarity_ = false;
+  double similarities_ = 0;
 };
 
 // Decibels that a picture has at the least which was coded with quantizers up to this one.

@@ -173,6 +173,26 @@ TEST_F(QoraEncodeTest, HoldsABitrateInQualityMode) {
   EXPECT_TRUE(run(own + " --verbose").starts_with("0 x264 [")) << "the encoder warns";
 }
 
+// Against another program's measurement of the file.
+TEST_F(QoraEncodeTest, MeasuresWhatItWrote) {
+  write("clip", clip("YUV4MPEG2 W48 H32 F25:1\n", "FRAME\n"));
+  EXPECT_EQ("0 ", run("clip -o out.mp4 --quality 44 --psnr --ssim --progress --quiet >keys"));
+  constexpr char kMeasure[] =
+      "ffmpeg -nostdin -i out.mp4 -i clip -lavfi "
+      "'[0]split[a][b];[1]split[c][d];[a][c]psnr;[b][d]ssim' "
+      "-f null - 2>&1 | sed -nE 's/.*PSNR.*average:([0-9.]+).*/psnr=\\1/p; "
+      "s/.*SSIM.*All:([0-9.]+).*/ssim=\\1/p' | sort >measured";
+  EXPECT_EQ(0, std::system(kMeasure));
+  const std::regex pattern("psnr=(.*)\nssim=(.*)\n");
+  std::smatch ours, theirs;
+  const std::string keys = read("keys"), measured = read("measured");
+  ASSERT_TRUE(std::regex_search(keys, ours, pattern)) << keys;
+  ASSERT_TRUE(std::regex_search(measured, theirs, pattern)) << measured;
+  EXPECT_NEAR(std::stod(theirs[1]), std::stod(ours[1]), 0.01);
+  EXPECT_NEAR(std::stod(theirs[2]), std::stod(ours[2]), 0.0001);
+  EXPECT_TRUE(keys.ends_with("\nprogress=end\n")) << keys;
+}
+
 TEST_F(QoraEncodeTest, EndsWithOneLineOnBadInput) {
   const std::string whole = clip("YUV4MPEG2 W48 H32 F50:1 C420jpeg\n", "FRAME Ip\n");
   for (const auto& [name, content, bytes] : kClips) {

@@ -111,6 +111,8 @@ TEST(EncodeSessionTest, NamesOutputsAndScalesTheBitrate) {
 TEST(ProgressTest, ShowsWhatIsKnown) {
   EXPECT_EQ("[12.3%] 37/300 frames, 74.00 fps, 960.00 kb/s, eta 0:00:03",
             progressText({37, 300, 148000, 0.5, 30}));
+  EXPECT_EQ("frames=37\ntotal=300\nbytes=148000\nseconds=0.500\nfps=74.00\nkbps=960.00\n",
+            progressKeys({37, 300, 148000, 0.5, 30}));
   EXPECT_EQ("9 frames, 3.00 fps, 0.00 kb/s", progressText({.frames = 9, .seconds = 3}));
 }
 
