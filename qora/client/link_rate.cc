@@ -1,6 +1,7 @@
 #include "qora/client/link_rate.h"
 
 #include <algorithm>
+#include <cassert>
 
 namespace qora::client {
 namespace {
@@ -8,48 +9,76 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-constexpr auto kPeriod = seconds(5);
-constexpr auto kWindow = milliseconds(200);  // of counting what arrives
-constexpr auto kQueue = milliseconds(50);    // too long
-constexpr auto kNoQueue = milliseconds(25);
-constexpr double kBelowArriving = 0.85;  // so that what is queued drains
-constexpr double kGrowth = 0.08;         // a second
-constexpr double kInUse = 0.5;           // of the rate: less does not try the link
+constexpr LinkRate::Time kPeriod = seconds(5);
+constexpr LinkRate::Time kWindow = milliseconds(200);  // of counting what arrives
+constexpr LinkRate::Time kQueue = milliseconds(50);    // too long
+constexpr LinkRate::Time kNoQueue = milliseconds(25);
+constexpr LinkRate::Time kRaiseInterval = milliseconds(100);
+constexpr int64_t kBelowArriving = 85;  // per cent, so that what is queued drains
+constexpr int64_t kGrowth = 8;          // per cent a second
 constexpr int64_t kLeastRate = 12'500;
-
-double secondsOf(LinkRate::Time time) {
-  return static_cast<double>(time.count()) / 1e6;
-}
+constexpr int64_t kSecond = 1'000'000;
 
 }  // namespace
 
+LinkRate::Time LinkRate::leastRoundTrip() const {
+  const Time least = std::min(least_, leastBefore_);
+  return least == Time::max() ? Time{} : least;
+}
+
 void LinkRate::noteRoundTrip(Time now, Time roundTrip) {
-  if (first_ || now - period_ >= kPeriod) {
+  if (now >= periodEnd_) {
     leastBefore_ = least_;
     least_ = Time::max();
-    period_ = now;
+    periodEnd_ = now + kPeriod;
   }
   least_ = std::min(least_, roundTrip);
 }
 
-int64_t LinkRate::acknowledged(Time now, int64_t bytes, Time roundTrip) {
-  noteRoundTrip(now, roundTrip);
-  if (first_) window_ = now;
-  bytes_ += first_ ? 0 : bytes;
-  first_ = false;
-  const Time elapsed = now - window_;
-  if (elapsed < std::max<Time>(kWindow, leastRoundTrip())) return rate_;
-  const double arriving = static_cast<double>(bytes_) / secondsOf(elapsed);
-  const Time queue = roundTrip - leastRoundTrip();
-  auto rate = static_cast<double>(rate_);
-  if (queue > kQueue) {
-    rate = std::min(rate, kBelowArriving * arriving);  // while all is late, the link's own rate
-  } else if (queue < kNoQueue && arriving > kInUse * rate) {
-    rate *= 1 + kGrowth * std::min(secondsOf(elapsed), 1.0);
+void LinkRate::sent(Time now, int64_t bytes) {
+  if (underWay_.empty()) {
+    busySince_ = now;
+    busyBytes_ = 0;
   }
-  rate_ = std::clamp(static_cast<int64_t>(rate), kLeastRate, std::max(most_, kLeastRate));
-  window_ = now;
-  bytes_ = 0;
+  underWayBytes_ += bytes;
+  underWay_.push_back({bytes, now});
+}
+
+void LinkRate::countArriving(Time now, int64_t bytes) {
+  busyBytes_ += bytes;
+  const Time busy = now - busySince_;
+  if (busy.count() <= 0 || (busy < kWindow && !underWay_.empty())) return;
+  arriving_ = busyBytes_ * kSecond / busy.count();
+  busySince_ = now;
+  busyBytes_ = 0;
+}
+
+int64_t LinkRate::acknowledged(Time now) {
+  assert(!underWay_.empty());
+  const UnderWay message = underWay_.front();
+  underWay_.pop_front();
+  underWayBytes_ -= message.bytes;
+  roundTrip_ = now - message.sent;
+  noteRoundTrip(now, roundTrip_);
+  countArriving(now, message.bytes);
+  used_ += message.bytes;
+
+  const Time queue = roundTrip_ - leastRoundTrip() - Time(message.bytes * kSecond / rate_);
+  const Time since = now - raisedAt_;
+  if (queue > kQueue) {
+    if (arriving_ > 0) {  // while there is a queue, the link's own rate
+      rate_ = std::max(std::min(rate_, arriving_ * kBelowArriving / 100), kLeastRate);
+      sawQueue_ = true;
+    }
+  } else if (queue > kNoQueue || since < kRaiseInterval) {
+    return rate_;
+  } else if (used_ * kSecond / since.count() >= rate_ / 2) {  // less does not try the link
+    const int64_t share = std::min<int64_t>(since.count(), kSecond);
+    const int64_t growth = sawQueue_ ? rate_ * kGrowth / 100 * share / kSecond + 1 : rate_ / 2;
+    rate_ = std::max(std::min(most_, rate_ + growth), kLeastRate);
+  }
+  raisedAt_ = now;
+  used_ = 0;
   return rate_;
 }
 

@@ -13,6 +13,8 @@
 namespace qora::serve {
 namespace {
 
+using Time = ViewerFlow::Time;
+
 // Times are in microseconds.
 constexpr int64_t kSecond = 1'000'000;
 constexpr int64_t kKeyInterval = kSecond;       // between key frames that viewers ask for
@@ -47,8 +49,8 @@ int64_t bytesASecond(int64_t kilobits) {
 
 Broadcast::Viewer::Viewer(Connection& to, const ServeOptions& options)
     : connection(to),
-      flow(options.fps),
-      rate(std::min(kStartRate, bytesASecond(options.maxRate)), bytesASecond(options.maxRate)),
+      flow(options.fps, client::LinkRate(std::min(kStartRate, bytesASecond(options.maxRate)),
+                                         bytesASecond(options.maxRate))),
       openedAt(Reactor::now()),
       heardAt(openedAt),
       askedAt(0),
@@ -259,8 +261,8 @@ void Broadcast::deliver(const client::CodedFrame& frame) {
   const int64_t now = Reactor::now();
   for (const auto& viewer : viewers_) {
     if (viewer->line != frame.stream) continue;
-    const auto bytes = static_cast<int32_t>(frame.bytes.size());
-    if (!viewer->flow.offer(frame.keyFrame, bytes, now)) {
+    const auto bytes = static_cast<int64_t>(frame.bytes.size());
+    if (!viewer->flow.offer(frame.keyFrame, bytes, Time(now))) {
       dropFrames(*viewer);
       tellLate(*viewer);
       continue;
@@ -377,14 +379,13 @@ bool Broadcast::control(Viewer& viewer, std::string_view word, std::string_view 
 
 void Broadcast::acknowledge(Viewer& viewer, int64_t count, int64_t now) {
   const auto before = static_cast<int64_t>(viewer.frames.size());
-  const int64_t flying = viewer.flow.unacknowledgedBytes();
-  if (viewer.flow.acknowledged(count, now) == -1) {
+  if (viewer.flow.acknowledged(count, Time(now)) == -1) {
     return viewer.connection.cut("it acknowledges what it was not sent");
   }
   viewer.heardAt = now;
-  const int64_t done = before - viewer.flow.unacknowledged();
+  const int64_t done = before - viewer.flow.link().unacknowledged();
   if (done == 0) {
-    if (viewer.askedAt != 0) viewer.rate.probed(now, now - viewer.askedAt);
+    if (viewer.askedAt != 0) viewer.flow.link().probed(Time(now), Time(now - viewer.askedAt));
     viewer.askedAt = 0;
     return;
   }
@@ -392,8 +393,6 @@ void Broadcast::acknowledge(Viewer& viewer, int64_t count, int64_t now) {
     arrived(viewer.frames.front());
     viewer.frames.pop_front();
   }
-  viewer.rate.acknowledged(now, flying - viewer.flow.unacknowledgedBytes(), viewer.flow.ahead(),
-                           viewer.flow.roundTrip(), viewer.flow.deliveredRate());
   setRate(viewer.line);
   tellLate(viewer);
 }
@@ -402,8 +401,8 @@ void Broadcast::arrived(const std::shared_ptr<Shared>& frame) {
   if (frame == nullptr || --frame->waiting > 0) return;
   int64_t shortest = 0;
   for (const auto& viewer : viewers_) {
-    if (viewer->line != frame->line || viewer->flow.roundTrip() == -1) continue;
-    shortest = std::max(shortest, viewer->rate.shortest());
+    if (viewer->line != frame->line || viewer->flow.link().roundTrip().count() == -1) continue;
+    shortest = std::max(shortest, viewer->flow.link().leastRoundTrip().count());
   }
   session_.acknowledged(frame->line, frame->bytes, std::chrono::microseconds(shortest));
 }
@@ -457,7 +456,7 @@ void Broadcast::everySecond(int64_t now) {
 void Broadcast::askLine(Viewer& viewer, int64_t now) {
   if (viewer.askedAt != 0) return;
   viewer.askedAt = now;
-  const int64_t delay = std::max<int64_t>(viewer.flow.roundTrip(), 0) / 1000;
+  const int64_t delay = std::max<int64_t>(viewer.flow.link().roundTrip().count(), 0) / 1000;
   viewer.connection.send(std::string("line ").append(std::to_string(delay)));
 }
 
@@ -468,11 +467,11 @@ void Broadcast::arrangeLines(int64_t now) {
   int64_t slowestFast = INT64_MAX;
   for (const auto& viewer : viewers_) {
     if (viewer->line == -1) continue;
-    best = std::max(best, viewer->rate.rate());
-    if (viewer->line == kFast) slowestFast = std::min(slowestFast, viewer->rate.rate());
+    best = std::max(best, viewer->flow.link().rate());
+    if (viewer->line == kFast) slowestFast = std::min(slowestFast, viewer->flow.link().rate());
   }
   for (const auto& viewer : viewers_) {
-    const int64_t rate = viewer->rate.rate();
+    const int64_t rate = viewer->flow.link().rate();
     if (viewer->line == kFast && rate < best / 2 && now - viewer->movedAt > kSecond) {
       moveTo(*viewer, kSlow, now);
     } else if (viewer->line == kSlow && now - viewer->movedAt > kMoveInterval &&
@@ -504,8 +503,8 @@ void Broadcast::setRate(int32_t line) {
   int64_t inTime = INT64_MAX;
   for (const auto& viewer : viewers_) {
     if (viewer->line != line) continue;
-    ofAll = std::min(ofAll, viewer->rate.rate());
-    if (!viewer->flow.isLate()) inTime = std::min(inTime, viewer->rate.rate());
+    ofAll = std::min(ofAll, viewer->flow.link().rate());
+    if (!viewer->flow.isLate()) inTime = std::min(inTime, viewer->flow.link().rate());
   }
   const int64_t rate = inTime == INT64_MAX ? ofAll : std::min(most, inTime);
   if (rate == set.rate) return;

@@ -19,7 +19,6 @@
 #include "qora/capture/screen.h"
 #include "qora/client/damage.h"
 #include "qora/client/screen_session.h"
-#include "qora/tools/serve/line_rate.h"
 #include "qora/tools/serve/pointer_watch.h"
 #include "qora/tools/serve/reactor.h"
 #include "qora/tools/serve/screen_input.h"
@@ -57,7 +56,6 @@ class Broadcast final : public WebListener {
 
     Connection& connection;
     ViewerFlow flow;
-    LineRate rate;
     std::deque<std::shared_ptr<Shared>> frames;  // unacknowledged; null: nobody waits for it
     int64_t openedAt;
     int64_t heardAt;    // the last acknowledgement
