@@ -7,7 +7,7 @@ set(CPACK_PACKAGE_CONTACT ${QORA_MAINTAINER})
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "out-of-process H.264 encoder for screens")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
-set(CPACK_COMPONENTS_ALL service bridge client tools doc)
+set(CPACK_COMPONENTS_ALL service bridge session client tools doc)
 set(CPACK_COMPONENTS_GROUPING ONE_PER_GROUP)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
@@ -46,9 +46,18 @@ qora_package(service qora-codec video "qora-codec-bridge ${same}"
 qora_package(bridge qora-codec-bridge video "libx264-${x264_build}"
   "encoder library for qora-codec over the installed libx264"
   " Offers qora-codec the interface that it knows and drives the libx264 that the\n distribution ships.")
-qora_package(client libqora-client-dev libdevel "qora-codec ${same}"
+qora_package(session libqora-session0 libs "qora-codec ${same}, libc6 (>= 2.36), libgcc-s1, libstdc++6 (>= 12)"
+  "parent's session with qora-codec as a C library"
+  " For programs in C and every language that calls C: starts the codec service,\n owns the pictures, holds a bitrate and gives H.264.")
+# By hand: where cpack finds dependencies itself, it runs ldconfig from scripts that nobody needs.
+set(CPACK_DEBIAN_SESSION_PACKAGE_SHLIBDEPS OFF)
+file(WRITE ${PROJECT_BINARY_DIR}/debian/triggers "activate-noawait ldconfig\n")
+file(WRITE ${PROJECT_BINARY_DIR}/debian/shlibs "libqora-session 0 libqora-session0 (>= ${PROJECT_VERSION})\n")
+set(CPACK_DEBIAN_SESSION_PACKAGE_CONTROL_EXTRA
+  ${PROJECT_BINARY_DIR}/debian/triggers ${PROJECT_BINARY_DIR}/debian/shlibs)
+qora_package(client libqora-client-dev libdevel "qora-codec ${same}, libqora-session0 ${same}"
   "parent's side of qora-codec"
-  " Starts the codec service, speaks to it, keeps pictures, damage,\n quality and bandwidth in order. Static libraries, headers, CMake and\n pkg-config files.")
+  " Starts the codec service, speaks to it, keeps pictures, damage,\n quality and bandwidth in order. Static libraries, the C library\n libqora-session, headers, CMake and pkg-config files.")
 qora_package(tools qora-tools video "qora-codec ${same}"
   "programs that encode and show screens with qora-codec"
   " Command-line programs over the codec service.")

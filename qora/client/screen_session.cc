@@ -290,6 +290,7 @@ int32_t ScreenSession::release(int32_t stream, const Picture& picture) {
 }
 
 int32_t ScreenSession::findChanges(int32_t stream, const Picture& picture, Damage& changed) {
+  if (acquiredCell(stream, picture) == -1) return -1;
   changed.resize(picture.width, picture.height);
   changed.addAll();
   return refineChanges(stream, picture, changed);

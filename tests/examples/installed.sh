@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Usage: tests/examples/installed.sh BUILD_FOLDER
-# A project outside finds what is installed, by CMake and by pkg-config, and its parent works there.
+# A project outside finds what is installed, by CMake and by pkg-config, and its parents work there.
 set -euo pipefail
 build=$(realpath "$1")
 folder=$(mktemp -d)
@@ -18,12 +18,15 @@ int main(int, char* argv[]) {
   return 1;
 }
 CODE
+sed -n '/^```c$/,/^```$/{/^```/!p}' "$(dirname "$0")/../../docs/c_interface.md" >"$folder/box.c"
 cat >"$folder/CMakeLists.txt" <<'CODE'
 cmake_minimum_required(VERSION 3.25)
-project(outside CXX)
+project(outside C CXX)
 find_package(qora 0.1 REQUIRED)
 add_executable(parent parent.cc)
 target_link_libraries(parent qora::client)
+add_executable(box box.c)
+target_link_libraries(box qora::session)
 file(WRITE ${CMAKE_BINARY_DIR}/places "${QORA_SERVICE}\n${QORA_CODEC_ROOT}\n")
 CODE
 cmake -S "$folder" -B "$folder/build" -DCMAKE_PREFIX_PATH="$folder/prefix" >/dev/null
@@ -37,3 +40,9 @@ read -r -a flags < <(pkg-config --cflags --libs qora-client)
 c++ -std=c++20 "$folder/parent.cc" "${flags[@]}" -o "$folder/parent"
 "$folder/parent" "$(pkg-config --variable=service qora-client)" \
   "$(pkg-config --variable=codec_root qora-client)"
+read -r -a flags < <(pkg-config --cflags --libs qora-session)
+cc -std=c11 -Wall -Wextra -Wpedantic -Werror "$folder/box.c" "${flags[@]}" -o "$folder/box"
+LD_LIBRARY_PATH=$(pkg-config --variable=libdir qora-session) \
+  "$folder/box" "$(pkg-config --variable=service qora-session)" \
+  "$(pkg-config --variable=codec_root qora-session)" "$folder/box.264"
+[[ -s $folder/box.264 ]]

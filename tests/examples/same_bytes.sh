@@ -22,8 +22,14 @@ parts=("$build/qora-codec" "$build/codec-root")
   --codec-root "${parts[1]}" -o "$folder/encode.264"
 "$build/tests/example_encode_clip" "${parts[@]}" 64 48 "$folder/clip.i420" "$folder/c.264"
 python3 examples/encode_clip.py "${parts[@]}" 64x48 "$folder/clip.i420" "$folder/python.264"
+"$build/tests/example_encode_clip_cc" "${parts[@]}" 64 48 "$folder/clip.i420" "$folder/cc.264"
+# A library with a sanitizer needs the sanitizer's own before the program's.
+library=$build/qora/session/libqora-session.so.0
+sanitizer=$(ldd "$library" | sed -n 's/.* => \(.*lib[at]san[^ ]*\) .*/\1/p')
+LD_PRELOAD=$sanitizer ASAN_OPTIONS=detect_leaks=0 QORA_SESSION_LIBRARY=$library \
+  python3 examples/encode_clip_session.py "${parts[@]}" 64x48 "$folder/clip.i420" "$folder/session.264"
 [[ -s $folder/encode.264 ]]
-cmp "$folder/c.264" "$folder/python.264"
+for other in python cc session; do cmp "$folder/c.264" "$folder/$other.264"; done
 # From the picture parameter set on.
 rest() { python3 -c 'import sys; d = open(sys.argv[1], "rb").read(); sys.stdout.buffer.write(d[d.index(b"\0\0\1\x68"):])' "$1"; }
 cmp <(rest "$folder/encode.264") <(rest "$folder/c.264")

@@ -20,7 +20,7 @@ for file in "$@"; do
   expect "with checked C library calls" '__[a-z]+_chk(@| |$)' readelf -sW
   [[ $(uname -m) == x86_64 ]] || continue
   # The first function of ours in the file.
-  name=$(nm --defined-only "$file" | sed -n 's/.* T \(main\|x264_encoder_encode\)$/\1/p' | head -1)
+  name=$(nm --defined-only "$file" | sed -n 's/.* T \(main\|x264_encoder_encode\|qora_session_encode\)$/\1/p' | head -1)
   expect "marked for control-flow protection" endbr64 objdump --disassemble="$name"
 done
 exit "$failed"

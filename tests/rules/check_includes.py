@@ -20,6 +20,7 @@ LAYERS = {
     # Not base: the bridge is loaded into our own process and must not bring a second copy along.
     "bridge": ["qora/encoder/abi/*", "qora/bridge/*"],
     "client": ["qora/base/*", "qora/service/wire/*", "qora/client/*"],
+    "session": ["qora/client/*", "qora/session/*"],
     "capture": ["qora/base/*", "qora/client/*", "qora/capture/*"],
     "sandbox": ["qora/sandbox/*"],
     "tools": ["qora/base/*", "qora/capture/*", "qora/client/*", "qora/tools/*"],
