@@ -1,5 +1,7 @@
 #include "qora/tools/view/frame_player.h"
 
+#include "qora/client/changed_rectangles.h"
+
 namespace qora::tools {
 
 int32_t FramePlayer::open(const std::string& path, int32_t framesASecond) {
@@ -13,6 +15,12 @@ FramePlayer::Next FramePlayer::load(int32_t timeout) {
   const Next next = input_.next(frame_, timeout);
   if (next == Next::failed) problem_ = input_.problem();
   return next;
+}
+
+int64_t FramePlayer::copiedMacroblocks() const {
+  int64_t pixels = 0;
+  for (const service::RegionCopy& copy : frame_.copies) pixels += int64_t{copy.width} * copy.height;
+  return pixels / (client::kMacroblockSize * client::kMacroblockSize);
 }
 
 int32_t FramePlayer::show() {

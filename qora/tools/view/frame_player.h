@@ -25,6 +25,8 @@ class FramePlayer {
   Time waitingTime() const { return Time(frame_.head.time); }
   bool isEndMark() const { return frame_.head.end; }
   bool isKeyFrame() const { return frame_.head.keyFrame; }
+  size_t waitingBytes() const { return frame_.accessUnit.size(); }
+  int64_t copiedMacroblocks() const;
   // Decodes it. 1: picture() is new. 0: there is none. -1 with problem().
   [[nodiscard]] int32_t show();
 

@@ -35,6 +35,7 @@ OptionTable tableFor(ViewOptions& options) {
   OptionTable table("qora-view", "[options] INPUT", kAbout, kFooter);
   table.string(options.verify, {"verify", 0, "SOURCE.y4m",
                                 "show no window: compare with the clip that was encoded"});
+  table.flag(options.list, {"list", 0, nullptr, "show no window: print a line a frame, as CSV"});
   table.number(options.frame, {"frame", 0, "N", "show no window: save picture N, the first is 0"},
                0, OptionTable::kNoLimit);
   table.custom({"at", 0, "SECONDS", "the same for the picture that is shown at that time"},
@@ -54,7 +55,10 @@ std::string checkTogether(const std::vector<std::string>& operands, ViewOptions&
   const bool byTime = options.time.count() != -1;
   if (byFrame && byTime) return "--frame and --at name two pictures";
   if ((byFrame || byTime) == options.png.empty()) return "--png needs --frame or --at, and they it";
-  if (!options.png.empty() && !options.verify.empty()) return "--verify saves no picture";
+  if ((options.list ? 1 : 0) + (options.png.empty() ? 0 : 1) + (options.verify.empty() ? 0 : 1) >
+      1) {
+    return "--verify, --list and --png exclude each other";
+  }
   return "";
 }
 

@@ -10,6 +10,7 @@ namespace qora::tools {
 struct ViewOptions {
   std::string input;                   // "-": standard input
   std::string verify;                  // a Y4M clip to compare with; empty: none
+  bool list = false;                   // print a line a frame
   std::string png;                     // where one picture goes; empty: none is wanted
   int32_t frame = -1;                  // which, from 0 on
   std::chrono::microseconds time{-1};  // or the one that is shown then

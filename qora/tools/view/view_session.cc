@@ -43,8 +43,10 @@ int32_t ViewSession::run() {
   ignoreInterrupts();
   noteInterrupts();
   if (player_.open(options_.input, options_.framesASecond) == -1) return fail(player_.problem());
-  const int32_t done =
-      !options_.verify.empty() ? verify() : (options_.png.empty() ? play() : save());
+  const int32_t done = options_.list              ? list()
+                       : !options_.verify.empty() ? verify()
+                       : !options_.png.empty()    ? save()
+                                                  : play();
   return done == 1 ? conclude() : done;
 }
 
@@ -70,6 +72,23 @@ int32_t ViewSession::advance() {
   waiting_ = false;
   const int32_t shown = player_.show();
   return shown == -1 ? fail(player_.problem()) : shown;
+}
+
+int32_t ViewSession::list() {
+  std::puts("frame,seconds,type,bytes,copied_macroblocks");
+  while (!wasInterrupted()) {
+    if (load(-1) == -1) return -1;
+    if (ended_) break;
+    if (!waiting_) continue;
+    if (!player_.isEndMark()) {
+      std::printf("%lld,%.6f,%s,%zu,%lld\n", static_cast<long long>(player_.frames()),
+                  static_cast<double>(player_.waitingTime().count()) / 1e6,
+                  player_.isKeyFrame() ? "I" : "P", player_.waitingBytes(),
+                  static_cast<long long>(player_.copiedMacroblocks()));
+    }
+    if (advance() == -1) return -1;
+  }
+  return 1;
 }
 
 // The picture of that number, or the last one that is shown by that time.

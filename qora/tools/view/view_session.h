@@ -38,6 +38,7 @@ class ViewSession {
   int32_t advance();
 
   // Without a window.
+  int32_t list();
   int32_t save();
   int32_t verify();
   int32_t advanceTo(int64_t number, bool& newStart);
