@@ -12,8 +12,8 @@ namespace qora::tools {
 namespace {
 
 constexpr char kAbout[] =
-    R"(Encodes a clip to H.264 through the codec service. INPUT is a Y4M file
-with 8-bit 4:2:0 pictures, or raw I420 with --size; "-" is standard input.)";
+    R"(Encodes a clip to H.264 through the codec service. INPUT is a Y4M file with
+progressive 8-bit 4:2:0 pictures, or raw I420 with --size; "-" is standard input.)";
 constexpr char kFooter[] =
     R"(Exit status: 0 done, 1 it failed, 2 the command line is wrong, 3 --verify found a frame
 that does not show the clip; OUTPUT is complete.)";
@@ -65,9 +65,9 @@ OptionTable tableFor(EncodeOptions& options) {
                 "end at this one, and pictures without room repeat the one before"},
                client::kFinestOffset, client::kCoarsestOffset);
   table.number(options.qpMin,
-               {"qp-min", 0, "N", "lowest quantizer with --bitrate, 0 to 51 (default 0)"}, 0, 51);
-  table.number(options.qpMax,
-               {"qp-max", 0, "N", "highest quantizer with --bitrate, 0 to 51 (default 51)"}, 0, 51);
+               {"qp-min", 0, "N", "lowest quantizer with --bitrate and no --quality, 0 to 51"}, 0,
+               51);
+  table.number(options.qpMax, {"qp-max", 0, "N", "the highest one, 0 to 51"}, 0, 51);
   table.number(options.threads,
                {"threads", 0, "N",
                 "encoder threads a stream, 0 to 128; 0: the encoder decides\n(default 0)"},
@@ -101,7 +101,8 @@ OptionTable tableFor(EncodeOptions& options) {
   table.number(options.frames, {"frames", 0, "N", "stop after N frames"}, 1, OptionTable::kNoLimit);
   table.string(options.stats, {"stats", 0, "FILE.csv",
                                "a line a frame: type, bytes, quantizer, times, changes;\n"
-                               "with several streams the stream's number comes first"});
+                               "with several streams the stream's number comes first; \"-\" is\n"
+                               "standard output"});
   table.string(options.service,
                {"service", 0, "PATH", "the service's program (default: beside qora-encode)"});
   table.string(options.codecRoot, {"codec-root", 0, "DIR",
