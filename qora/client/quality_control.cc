@@ -306,7 +306,9 @@ void QualityControl::findStill(uint32_t now) {
 }
 
 void QualityControl::measure(const Picture& picture, const Picture* before, uint32_t now) {
-  const Motion motion = before == nullptr ? Motion{} : guessMotion(*before, picture, changing_);
+  // Without a rate everything is coded at the goal, whatever it costs.
+  const bool isPriced = before != nullptr && rate_ > 0;
+  const Motion motion = isPriced ? guessMotion(*before, picture, changing_) : Motion{};
   const bool moves = motion.dx != 0 || motion.dy != 0;
   int32_t running = 0;
   int32_t cells = 0;
