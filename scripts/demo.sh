@@ -1,36 +1,59 @@
 #!/usr/bin/env bash
-# Usage: scripts/demo.sh [FILE.y4m]
-# Encodes ten seconds of a real desktop, or the given clip, through the service.
-#   demo/desktop.264  the coded stream          demo/desktop.mp4  the same for a player
-#   demo/desktop.png  one decoded frame         demo/stats.csv    a line for each frame
-# The desktop is a virtual X screen with programs of its own. Nothing is left running, also after
-# Ctrl-C; the raw capture (350 MB) lies in the temporary directory and is deleted.
+# Usage: scripts/demo.sh                  records a desktop, with moves and without
+#        scripts/demo.sh FILE.y4m         encodes that clip, with moves and without
+#        scripts/demo.sh --serve [OPTION...]
+#                                         shows a desktop in browsers (options of qora-serve) until Ctrl-C
+#        scripts/demo.sh --help
+# The desktop is a virtual X screen with real programs, on which somebody types, scrolls and drags. Prints
+# a table and leaves in demo/:
+#   desktop.qora  the recording with moves, for build/release/qora-view
+#   desktop.mp4   the one without, for any player
+#   compare.png   the screen, what is decoded with moves, and eight times the difference
+#   bytes.png     bytes a frame over time
+# Nothing is left running, and without results of its own the last ones stay, also after Ctrl-C.
 set -euo pipefail
-user_clip=${1:+$(realpath -- "$1")}
+
+case ${1:-} in
+  --help | -h)
+    sed -n '2,/^set/{/^set/d;s/^# \{0,1\}//;p}' "${BASH_SOURCE[0]}"
+    exit 0
+    ;;
+  --serve) mode=serve serve_options=("${@:2}") ;;
+  -*)
+    echo "demo.sh: no option '$1' (see --help)" >&2
+    exit 2
+    ;;
+  '') mode=record ;;
+  *) mode=encode clip=$(realpath -- "$1") ;;
+esac
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 source scripts/lib/desktop.sh
 
-readonly width=1280 height=720 rate=25 frames=250
-readonly encoder=build/release/qora-encode
+readonly width=1280 height=720 programs=build/release
 readonly calculator_x=820 calculator_y=64
 readonly terminal=(xterm -fa 'DejaVu Sans Mono' -fs 9 -bg '#20242c' -fg '#d8dee9' +sb)
+readonly results=$work/results
 
+# Goes on while somebody wants to read.
 scroll_sources() {
-  for source in docs/protocol.md qora/service/*.cc; do
-    while IFS= read -r line; do
-      printf '%s\n' "$line"
-      sleep 0.1
-    done <"$source"
+  while :; do
+    for source in docs/protocol.md qora/service/*.cc; do
+      while IFS= read -r line; do
+        until [[ -e $work/scroll ]]; do sleep 0.1; done
+        printf '%s\n' "$line"
+        sleep 0.1
+      done <"$source"
+    done
   done
 }
 
 start_programs() {
+  export work
   export -f scroll_sources
   start_window Reader "${terminal[@]}" -class Reader -T 'reading the sources' \
     -geometry 101x40+20+24 -e bash -c scroll_sources
-  start_window Monitor "${terminal[@]}" -class Monitor -T top -geometry 82x16+610+440 \
-    -e top -d 1
-  start_window XClock xclock -update 1 -geometry 190x190+1070+24
+  start_window Writer "${terminal[@]}" -class Writer -T notes -geometry 82x16+610+440 -e cat
+  start_window XClock xclock -update 60 -geometry 190x190+1070+24
   start_window XEyes xeyes -geometry 190x120+1070+266
   start_window XCalc xcalc -geometry "230x310+$calculator_x+$calculator_y"
   sleep 1
@@ -40,8 +63,8 @@ start_programs() {
 drag_calculator() {
   local path
   mapfile -t path < <(awk -v x=$((calculator_x + 115)) -v y=$((calculator_y + 8)) 'BEGIN {
-    printf "mousemove\n%d\n%d\nsleep\n1.5\nmousedown\n1\n", x, y
-    steps = 160
+    printf "mousemove\n%d\n%d\nmousedown\n1\n", x, y
+    steps = 100
     for (step = 0; step <= steps; ++step) {
       angle = 2 * 3.14159265 * step / steps
       printf "mousemove\n%d\n%d\nsleep\n0.035\n",
@@ -52,74 +75,173 @@ drag_calculator() {
   xdotool "${path[@]}"
 }
 
-# Runs the pipeline in the background, so that a signal meets the shell in `wait`.
-capture_and_encode() {
-  set -m
-  ffmpeg -nostdin -loglevel error -f x11grab -framerate "$rate" -video_size "${width}x${height}" \
-    -i "$DISPLAY" -frames:v "$frames" -pix_fmt yuv420p -f yuv4mpegpipe - |
-    tee "$clip" | "$encoder" - -o demo/desktop.264 --stats demo/stats.csv &
-  set +m
-  wait $! || fail "capturing or encoding failed"
+act() {
+  xdotool mousemove 700 560 click 1 sleep 0.5
+  xdotool type --delay 60 'What is typed costs a few bytes a letter.'
+  touch "$work/scroll"
+  sleep 6
+  drag_calculator
+  sleep 1
+  rm "$work/scroll"
+  sleep 1.5 # stands still
 }
 
-encode_clip() {
-  set -m
-  "$encoder" "$clip" -o demo/desktop.264 --stats demo/stats.csv &
-  set +m
-  wait $! || fail "encoding $clip failed"
-}
-
-# Frames are matched by their number: the two files may tell of time differently.
-quality() {
-  local count='settb=1/25,setpts=N'
-  ffmpeg -nostdin -hide_banner -i demo/desktop.264 -i "$clip" \
-    -lavfi "[0:v]${count}[coded];[1:v]${count}[raw];[coded][raw]psnr" -f null - 2>&1 |
-    sed -n 's/.*PSNR.* average:\([^ ]*\).*/\1/p'
-}
-
-print_table() {
-  local size macroblocks psnr
-  size=$(stat -c %s demo/desktop.264)
-  macroblocks=$((((clip_width + 15) / 16) * ((clip_height + 15) / 16)))
-  psnr=$(quality)
-  awk -F , -v size="$size" -v cells="$macroblocks" -v psnr="$psnr" -v rate="$clip_rate" '
-    NR == 1 { for (i = 1; i <= NF; ++i) column[$i] = i; next }
-    { encode += $column["encode_ms"]; changed += $column["changed_macroblocks"]; ++frames }
-    END {
-      split(rate, fps, "/")
-      seconds = frames / (fps[1] / (fps[2] ? fps[2] : 1))
-      printf "\n%-26s %10d\n", "frames", frames
-      printf "%-26s %10.0f kB, %.0f kbit/s\n", "size", size / 1000, size * 8 / 1000 / seconds
-      printf "%-26s %10.2f ms\n", "mean time to encode", encode / frames
-      printf "%-26s %10.1f %%\n", "changed macroblocks", 100 * changed / frames / cells
-      printf "%-26s %10s dB\n", "PSNR against the capture", psnr
-    }' demo/stats.csv
-}
-
-[[ -z $user_clip || -r $user_clip ]] || fail "cannot read $user_clip"
-scripts/build.sh release demo
-mkdir -p demo
-
-if [[ -n $user_clip ]]; then
-  clip=$user_clip
-  encode_clip
-else
-  clip=$work/capture.y4m
+# record MOVES FILE: the scene on a screen of its own.
+record() {
+  local recorder
+  rm -f "$work/scroll"
   start_screen "$width" "$height"
   start_programs
-  start drag_calculator
-  capture_and_encode
-fi
+  set -m
+  "$programs/qora-record" --moves "$1" --cursor off --fps 25 --key-interval 0 -o "$2" \
+    </dev/null 2>"$work/summary.$1" &
+  recorder=$!
+  set +m
+  act
+  ffmpeg -nostdin -v error -y -f x11grab -draw_mouse 0 -video_size "${width}x${height}" \
+    -i "$DISPLAY" -frames:v 1 "$work/screen.$1.png"
+  kill -INT "$recorder"
+  wait "$recorder" || fail "recording failed" "$work/summary.$1"
+  end_jobs
+}
 
-IFS=, read -r clip_width clip_height clip_rate < <(
-  ffprobe -v error -select_streams v:0 -show_entries stream=width,height,r_frame_rate \
-    -of csv=p=0 "$clip"
-)
-ffmpeg -nostdin -y -loglevel error -framerate "$clip_rate" -i demo/desktop.264 -c copy \
-  demo/desktop.mp4
-coded_frames=$(($(wc -l <demo/stats.csv) - 1))
-ffmpeg -nostdin -y -loglevel error -i demo/desktop.mp4 \
-  -vf "select=eq(n\,$((coded_frames / 2)))" -frames:v 1 demo/desktop.png
-print_table
+# What a recording's summary says: TEXT before or after the number, see the calls.
+said() { sed -nE "s/.*recorded.*[ ,]$2.*/\\1/p" "$work/summary.$1"; }
+
+# luma_psnr ONE OTHER: decibels of two pictures.
+luma_psnr() {
+  local luma='scale=out_color_matrix=bt709,format=yuv444p'
+  ffmpeg -nostdin -hide_banner -i "$1" -i "$2" \
+    -lavfi "[0:v]${luma}[a];[1:v]${luma}[b];[a][b]psnr" -f null - 2>&1 |
+    sed -n 's/.*PSNR.* y:\([^ ]*\).*/\1/p'
+}
+
+row() { printf '%-32s %14s %14s\n' "$@"; }
+
+# compare SOURCE DECODED: side by side, with the difference.
+compare() {
+  ffmpeg -nostdin -v error -y -i "$1" -i "$2" -filter_complex \
+    '[0:v]format=gbrp,split[a][b];[1:v]format=gbrp,split[c][d];
+     [b][d]blend=all_mode=difference,lutrgb=r=val*8:g=val*8:b=val*8[e];[a][c][e]hstack=3' \
+    -frames:v 1 "$results/compare.png"
+}
+
+# plot WITH WITHOUT: two lists of seconds and bytes.
+plot() {
+  gnuplot <<-END
+	set terminal pngcairo size 1200,500
+	set output '$results/bytes.png'
+	set datafile separator ','
+	set logscale y
+	set xlabel 'seconds'
+	set ylabel 'bytes a frame'
+	set grid
+	plot '$2' using 1:2 with points pointtype 7 pointsize 0.6 title 'without moves', \
+	     '$1' using 1:2 with points pointtype 7 pointsize 0.6 title 'with moves'
+	END
+}
+
+list_moves() { "$programs/qora-view" --list "$results/desktop.qora" | awk -F, 'NR > 1 { print $2 "," $4 }'; }
+total() { awk -F, '{ bytes += $2 } END { print bytes + 0 }' "$1"; }
+
+demo_record() {
+  record on "$results/desktop.qora"
+  record off "$results/desktop.mp4"
+  list_moves >"$work/bytes.on"
+  ffprobe -v error -show_entries packet=pts_time,size -of csv=p=0 "$results/desktop.mp4" \
+    >"$work/bytes.off"
+  "$programs/qora-view" --at 10000 --png "$work/shown.on.png" "$results/desktop.qora"
+  ffmpeg -nostdin -v error -y -i "$results/desktop.mp4" -update 1 "$work/shown.off.png"
+  compare "$work/screen.on.png" "$work/shown.on.png"
+  plot "$work/bytes.on" "$work/bytes.off"
+
+  local figures=() what
+  for what in on off; do
+    figures+=("$(said $what '([0-9]+) frames')" "$(total "$work/bytes.$what")"
+      "$(said $what '([0-9.]+%) changed')" "$(said $what '([0-9.]+%) moved')"
+      "$(said $what '([0-9.]+)% of a processor')" "$(said $what '0:([0-9:]+)  ')"
+      "$(luma_psnr "$work/screen.$what.png" "$work/shown.$what.png")")
+  done
+  local names=(frames bytes 'changed, of the macroblocks' 'copied, of the macroblocks' \
+    'processor, % of one' 'minutes and seconds' 'PSNR at the end, luma, dB') i
+  echo
+  row '' 'with moves' without
+  for i in "${!names[@]}"; do
+    row "${names[i]}" "${figures[i]}" "${figures[i + ${#names[@]}]}"
+  done
+  row 'processor time a frame, ms' "$(processor_time 0)" "$(processor_time ${#names[@]})"
+}
+
+# Of the figures from FIRST on.
+processor_time() {
+  local minutes=${figures[$1 + 5]}
+  awk -v frames="${figures[$1]}" -v share="${figures[$1 + 4]}" \
+    -v seconds=$((10#${minutes%:*} * 60 + 10#${minutes#*:})) \
+    'BEGIN { printf "%.1f", share * 10 * seconds / frames }'
+}
+
+# encode FILE OPTION...: the clip, checked frame by frame.
+encode() {
+  set -m
+  "$programs/qora-encode" "$clip" -o "$1" --verify --stats "$1.csv" "${@:2}" 2>"$1.log" &
+  set +m
+  wait $! || [[ $? == 3 ]] || fail "encoding $clip failed" "$1.log"
+  grep '^qora-encode:' "$1.log" || true # a frame that does not show the clip
+}
+
+# column NAME CSV: its sum.
+column() {
+  awk -F, -v name="$1" 'NR == 1 { for (i = 1; i <= NF; ++i) if ($i == name) at = i; next }
+    at { sum += $at } END { print sum + 0 }' "$2"
+}
+
+demo_encode() {
+  local rate middle name figures=() i=0
+  encode "$results/desktop.qora" --moves
+  encode "$work/desktop.264"
+  rate=$(ffprobe -v error -select_streams v:0 -show_entries stream=r_frame_rate -of csv=p=0 "$clip")
+  ffmpeg -nostdin -v error -y -framerate "$rate" -i "$work/desktop.264" -c copy "$results/desktop.mp4"
+  middle=$((($(wc -l <"$results/desktop.qora.csv") - 1) / 2))
+  "$programs/qora-view" --frame "$middle" --png "$work/shown.png" "$results/desktop.qora"
+  ffmpeg -nostdin -v error -y -i "$clip" -vf "select=eq(n\\,$middle),scale=in_color_matrix=bt709" \
+    -frames:v 1 "$work/source.png"
+  compare "$work/source.png" "$work/shown.png"
+  list_moves >"$work/bytes.on"
+  ffprobe -v error -show_entries packet=pts_time,size -of csv=p=0 "$results/desktop.mp4" \
+    >"$work/bytes.off"
+  plot "$work/bytes.on" "$work/bytes.off"
+  echo
+  row '' 'with moves' without
+  for name in bytes encode_ms changed_macroblocks copied_macroblocks; do
+    row "$name" "$(column $name "$results/desktop.qora.csv")" "$(column $name "$work/desktop.264.csv")"
+  done
+  for name in "$results/desktop.qora" "$work/desktop.264"; do
+    figures+=("$(sed -n 's/.*, PSNR \(.*\), .* at frame.*/\1/p' "$name.log")")
+  done
+  row 'PSNR of all frames' "${figures[@]}"
+  rm "$results"/*.log "$results"/*.csv
+}
+
+serve() {
+  start_screen "$width" "$height"
+  start_programs
+  touch "$work/scroll"
+  set -m
+  "$programs/qora-serve" --display "$DISPLAY" "${serve_options[@]}" </dev/null &
+  set +m
+  wait $!
+}
+
+[[ -z ${clip:-} || -r $clip ]] || fail "cannot read $clip"
+scripts/build.sh release demo
+mkdir -p "$results"
+case $mode in
+  serve) serve ;;
+  record) demo_record ;;
+  encode) demo_encode ;;
+esac
+[[ $mode == serve ]] && exit
+mkdir -p demo
+mv -f "$results"/* demo/
 echo
-ls demo/desktop.264 demo/desktop.mp4 demo/desktop.png demo/stats.csv
+ls demo/desktop.qora demo/desktop.mp4 demo/compare.png demo/bytes.png

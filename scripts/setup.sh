@@ -27,7 +27,7 @@ declare -rA groups=(
     ffmpeg
     xvfb openbox x11-xserver-utils
     xterm x11-apps procps fonts-dejavu-core
-    xdotool"
+    xdotool gnuplot-nox"
   [live]="xvfb openbox x11-xserver-utils xterm x11-apps fonts-dejavu-core xdotool ffmpeg"
   [browser]="
     chromium chromium-driver xvfb x11-xserver-utils
