@@ -42,16 +42,17 @@ std::vector<std::string> colourNames() {
 OptionTable tableFor(EncodeOptions& options) {
   OptionTable table("qora-encode", "[options] INPUT -o OUTPUT", kAbout, kFooter);
   table.string(options.output, {"output", 'o', "FILE",
-                                "where the coded clip goes: Annex B, or a movie if FILE ends with\n"
-                                ".mp4 or .mkv; \"-\": Annex B on standard output"});
+                                "where the coded clip goes:\n"
+                                "Annex B, or a movie if FILE ends with .mp4 or .mkv;\n"
+                                "\"-\": Annex B on standard output"});
   table.custom({"size", 0, "WxH", "INPUT is raw I420 of this picture size"},
                [&options](const char* value) { return readSize(value, options); });
   table.custom({"fps", 0, "N[/D]", "frames a second of a raw INPUT (default 25)"},
                [&options](const char* value) { return readRate(value, options); });
   table.choice(options.colour,
                {"colour", 0, "bt601|bt709|srgb",
-                "what OUTPUT says of its colours (default: nothing); rate, pixel\n"
-                "shape and range are those that a Y4M INPUT tells"},
+                "what OUTPUT says of its colours (default: nothing);\n"
+                "rate, pixel shape and range are those that a Y4M INPUT tells"},
                colourNames());
   table.number(options.bitrate,
                {"bitrate", 0, "KBPS",
@@ -90,8 +91,9 @@ OptionTable tableFor(EncodeOptions& options) {
                               "decode each frame as it comes and compare it with the clip: that\n"
                               "it is intact, as good as its quantizers allow, and does not drift"});
   table.flag(options.psnr, {"psnr", 0, nullptr,
-                            "decode OUTPUT and put its PSNR into the summary, all samples of all\n"
-                            "frames and the worst frame; with several streams that of the first"});
+                            "decode OUTPUT and put its PSNR into the summary:\n"
+                            "all samples of all frames, and the worst frame; with several\n"
+                            "streams that of the first"});
   table.flag(options.ssim, {"ssim", 0, nullptr, "the same with the mean structural similarity"});
   table.flag(options.progress,
              {"progress", 0, nullptr,

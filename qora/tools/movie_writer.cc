@@ -19,7 +19,8 @@ namespace {
 using Time = MovieWriter::Time;
 
 constexpr Time kFragment{500'000};
-constexpr Time kStep{1000};  // one unit of a Matroska file's clock
+constexpr Time kStep{1000};             // one unit of a Matroska file's clock
+constexpr uint32_t kMostFrames = 1000;  // a second, at such steps
 constexpr uint8_t kParameterSetTypes[] = {7, 8};
 constexpr AVRational kMicroseconds{1, 1'000'000};
 constexpr AVRational kMilliseconds{1, 1000};
@@ -104,6 +105,10 @@ int32_t MovieWriter::fail(int error) {
 int32_t MovieWriter::open(const std::string& path, int32_t width, int32_t height,
                           const client::SequenceFacts& facts) {
   path_ = path;
+  if (facts.rateNumerator > uint64_t{kMostFrames} * facts.rateDenominator) {
+    problem_ = path + ": a movie has no more than 1000 frames a second";
+    return -1;
+  }
   AVFormatContext* format = nullptr;
   // "file:": a colon in a name begins no protocol.
   const std::string url = "file:" + path;

@@ -10,6 +10,7 @@
 
 #include "qora/base/descriptor.h"
 #include "qora/base/error_text.h"
+#include "qora/base/file.h"
 
 namespace qora::tools {
 namespace {
@@ -35,7 +36,7 @@ int32_t OutputFiles::failFile(const std::string& path) {
 // A file that is not there is created, so that it has a number. 1, or -1 with errno.
 int32_t OutputFiles::findStatus(const std::string& path, struct stat& status) {
   if (path == "-") return ::fstat(STDOUT_FILENO, &status) == 0 ? 1 : -1;
-  if (::stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) return 1;
+  if (file::statusOf(path.c_str(), status) == 1 && !S_ISREG(status.st_mode)) return 1;
   const bool isNew = ::lstat(path.c_str(), &status) == -1;  // nor a link to what is not there
   const Descriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666));
   if (file.get() == -1) return -1;

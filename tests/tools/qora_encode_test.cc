@@ -91,6 +91,8 @@ constexpr std::pair<const char*, std::string_view> kBadInputs[] = {
     {"clip -o new --stats ./new", "1 ./new: two outputs are this file"},
     {"clip -o - --stats old >>old", "1 old: two outputs are this file"},
     {"clip -o - --streams 2", "2 standard output takes one stream (see --help)"},
+    {"/dev/zero --size 48x32 --fps 1001 -o x.mkv",
+     "1 x.mkv: a movie has no more than 1000 frames a second"},
     {"clip -o x.mp4 --moves", "2 players of movies cannot follow --moves (see --help)"},
     {"clip -o no/out", "1 no/out: No such file or directory"},
     {"clip -o /dev/full", "1 /dev/full: No space left on device"},
