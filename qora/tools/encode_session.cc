@@ -76,7 +76,7 @@ std::chrono::microseconds pictureTime(int64_t number, const ClipFormat& format) 
 EncodeSession::EncodeSession(const EncodeOptions& options)
     : options_(options),
       outputs_(options_),
-      progress_(!options.quiet && ::isatty(STDERR_FILENO) == 1),
+      progress_(!options.quiet && !options.progress && ::isatty(STDERR_FILENO) == 1),
       keys_(keysTo(options)) {}
 
 int32_t EncodeSession::fail(const std::string& problem) {
