@@ -42,7 +42,4 @@ c++ -std=c++20 "$folder/parent.cc" "${flags[@]}" -o "$folder/parent"
   "$(pkg-config --variable=codec_root qora-client)"
 read -r -a flags < <(pkg-config --cflags --libs qora-session)
 cc -std=c11 -Wall -Wextra -Wpedantic -Werror "$folder/box.c" "${flags[@]}" -o "$folder/box"
-LD_LIBRARY_PATH=$(pkg-config --variable=libdir qora-session) \
-  "$folder/box" "$(pkg-config --variable=service qora-session)" \
-  "$(pkg-config --variable=codec_root qora-session)" "$folder/box.264"
-[[ -s $folder/box.264 ]]
+LD_LIBRARY_PATH=$(pkg-config --variable=libdir qora-session) "$folder/box" "${places[@]}" "$folder/box.264"
