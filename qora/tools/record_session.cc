@@ -329,6 +329,8 @@ int32_t RecordSession::wait() {
   // Until the next picture may be made, or while there is none to draw into, nothing that the
   // screen says is of use.
   const bool resting = now() < nextPicture_ || (damaged_ && session_.framesInFlight() > 0);
+  // Reading pixels takes events in as well: the descriptor would stay silent about them.
+  if (!resting && screen_->dispatch() != 0) return 1;
   const Time wake = wakeTime();
   pollfd waits[] = {{interruptDescriptor(), POLLIN, 0},
                     {session_.replyDescriptor(), POLLIN, 0},

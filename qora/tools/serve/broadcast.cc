@@ -65,7 +65,9 @@ Broadcast::~Broadcast() {
 }
 
 int32_t Broadcast::open() {
-  screen_ = capture::openScreen(options_.screen, problem_);
+  capture::ScreenOptions options = options_.screen;
+  options.pointer = false;  // it is sent apart
+  screen_ = capture::openScreen(options, problem_);
   if (screen_ == nullptr) return -1;
   const char* const display =
       options_.screen.display.empty() ? nullptr : options_.screen.display.c_str();
@@ -543,7 +545,9 @@ void Broadcast::setTimer(int64_t now) {
     const bool pending = std::any_of(lines_.begin(), lines_.end(), [](const Line& line) {
       return line.open && !line.pending.isEmpty();
     });
-    if (pending) atMost(std::max(nextPicture_, now + 1000));
+    // Reading pixels takes events in as well: the descriptor would stay silent about them.
+    const bool drawn = !over_ && screen_->dispatch() != 0;
+    if (pending || drawn) atMost(std::max(nextPicture_, now + 1000));
   }
   reactor_.callAt(next);
 }
