@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 #include "benchmarks/clip.h"
 
 #include "benchmarks/give_up.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // benchmarks/clip.h -- A recorded clip, picture by picture, with what changed in each.
 #pragma once
 

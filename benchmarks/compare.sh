@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: BSD-2-Clause
 # Usage: benchmarks/compare.sh
 # Measures everything anew: what we hold ourselves to (bench_limits), how cost grows (bench_growth),
 # and a race of the service with the encoder called in-process, the x264 program and ffmpeg over

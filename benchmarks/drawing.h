@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // benchmarks/drawing.h -- Text-like pictures with as much changed as is asked for.
 #pragma once
 

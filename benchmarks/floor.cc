@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // bench_floor CLIP.y4m|- OUTPUT.264 KBPS QP_MIN -- What qora-encode does, with the encoder called
 // in this process: the same reading, search for changes and settings, no service.
 #include "benchmarks/clip.h"

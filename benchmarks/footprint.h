@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // benchmarks/footprint.h -- What starting costs, and memory.
 #pragma once
 

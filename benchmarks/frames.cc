@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // bench_frames CLIP.y4m -- Every frame of a clip through the service and in-process, on one CPU:
 // a CSV line a frame on standard output.
 #include "benchmarks/clip.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // benchmarks/give_up.h -- A measurement that cannot be made has no use: the program ends.
 #pragma once
 

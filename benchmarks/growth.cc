@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // bench_growth -- How cost grows with what a parent can make larger: CSV lines on standard output,
 // "figure,x,service,floor". Each figure's unit is in its name.
 #include <cstdio>

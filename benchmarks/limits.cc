@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // bench_limits [CLIP.y4m...] -- Every bound that we hold ourselves to, measured in one run, as a
 // table. The status tells nothing of the verdicts: what is fast enough depends on the machine, too.
 #include <filesystem>

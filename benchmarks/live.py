@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: BSD-2-Clause
 """Usage: benchmarks/live.py SCENE SERVER SECONDS ROUNDS
 
 Records what goes on on $DISPLAY, whose X server is process SERVER, by several programs in turn, and

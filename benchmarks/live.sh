@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: BSD-2-Clause
 # Usage: benchmarks/live.sh [SECONDS [ROUNDS]]
 # Recording a live desktop of 1920x1080 at 25 pictures a second, scene by scene, by ffmpeg's x11grab
 # and by qora-record on the same screen: processor time of all processes, the X server's growth

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // bench_micro -- Every pure function and what it is held against, under Google Benchmark.
 #include <benchmark/benchmark.h>
 

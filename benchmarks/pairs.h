@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // benchmarks/pairs.h -- The pure functions, each beside what it is held against.
 #pragma once
 

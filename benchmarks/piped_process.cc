@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 #include "benchmarks/piped_process.h"
 
 #include <fcntl.h>

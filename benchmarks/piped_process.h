@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // benchmarks/piped_process.h -- A child behind two plain pipes.
 #pragma once
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-2-Clause
 # Draws docs/images from the figures in build/benchmarks; compare.sh runs it in the root.
 set datafile separator ","
 set terminal pngcairo size 900,420 font "sans,9" background "white"

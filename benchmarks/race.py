@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: BSD-2-Clause
 """The race of the service with other encoders over clips, from the project's root.
 
 Usage: benchmarks/race.py WORK ROUNDS CLIP...

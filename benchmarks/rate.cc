@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // bench_rate FOLDER -- A stream held to the rate of a link, through the real service: a CSV line a
 // tick, for each of several clips, by the rate control of each region (QualityControl) and by the
 // encoder's own bitrate mode. rate.py makes the tables of it.

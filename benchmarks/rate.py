@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: BSD-2-Clause
 """Usage: benchmarks/rate.py
 Holds a stream to simulated links and rewrites that section of docs/performance.md, with its plot.
 Builds and films what it needs; the ticks are then in build/benchmarks/rate.csv. Takes some minutes.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: BSD-2-Clause
 # Usage: benchmarks/record_clips.sh FOLDER
 # Films three clips of a virtual desktop into FOLDER: typing.y4m, scrolling.y4m, dragging.y4m, of
 # 150 pictures of 1920x1080 each. A clip that is there already is left as it is.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-2-Clause
 # benchmarks/scenes.sh -- What goes on on a desktop of 1920x1080: windows_of_SCENE puts them up,
 # act_SCENE is what is filmed. Source it after scripts/lib/desktop.sh.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 #include "benchmarks/scripted_pair.h"
 
 #include <unistd.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // benchmarks/scripted_pair.h -- What a round trip costs without an encoder.
 #pragma once
 

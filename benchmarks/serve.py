@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: BSD-2-Clause
 """Usage: benchmarks/serve.py [BUILD_FOLDER [CHANGES]]
 
 The delay of qora-serve, from a change on one X screen to its pixels in a browser on another: one

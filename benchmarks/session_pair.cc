@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 #include "benchmarks/session_pair.h"
 
 #include "benchmarks/give_up.h"

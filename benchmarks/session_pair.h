@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // benchmarks/session_pair.h -- What checks, pictures and rate control cost a parent.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // benchmarks/side_by_side.h -- The built service and what it is held against, over the same
 // pictures: the encoder called in this process, and the encoder behind two bare pipes.
 #pragma once

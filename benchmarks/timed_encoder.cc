@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The installed encoder library with a clock around its chief function. The service under
 // measurement finds this one in its place, so what a round trip costs beyond the encoder is known
 // frame by frame, whatever the caches hold. All other functions are the library's own: it is loaded

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // benchmarks/timing.h -- Clocks, medians and the one way in which two things are compared here.
 #pragma once
 

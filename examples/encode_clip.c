@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 /* A parent in C that speaks the protocol itself: raw I420 in, H.264 (Annex B) out.
  *     encode_clip SERVICE CODEC_ROOT WIDTH HEIGHT CLIP.i420 OUTPUT.264
  * docs/protocol.md has every byte. All numbers are little-endian, as this machine is taken to be. */

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // A parent in C++ with the client library: raw I420 in, H.264 (Annex B) out.
 //     encode_clip SERVICE CODEC_ROOT WIDTH HEIGHT CLIP.i420 OUTPUT.264
 #include <chrono>

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: BSD-2-Clause
 """A parent in Python over the C library: raw I420 in, H.264 (Annex B) out.
 
     encode_clip_session.py SERVICE CODEC_ROOT WIDTHxHEIGHT CLIP.i420 OUTPUT.264

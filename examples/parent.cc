@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // A whole parent: three seconds of a box that moves over a grey screen, after one at half the
 // bitrate, after two in another size; a service that dies is started again.
 //     parent SERVICE CODEC_ROOT OUTPUT.264

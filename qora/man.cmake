@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-2-Clause
 # The manual pages, where scdoc is: a program's options are those of its own --help, the page of the
 # protocol is docs/protocol.md.
 find_program(SCDOC scdoc)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-2-Clause
 # cpack makes a .deb of each component: what a machine runs, what a parent links, what people use.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME qora-codec)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-2-Clause
 # Flags for every target, and one function for each kind of target.
 include(CheckCXXSourceCompiles)
 include(CheckPIESupported)

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: BSD-2-Clause
 # Usage: scripts/build.sh [PRESET [GROUP...]]
 # Builds everything into build/PRESET (the presets of CMakePresets.json; release when none is given),
 # after installing what that needs and the further groups of packages (setup.sh).

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: BSD-2-Clause
 # Usage: scripts/coverage.sh
 # Builds the coverage preset, runs the fast tests and prints which lines and branches they reach, by
 # file; build/coverage/report/index.html has every line. Ends with 1 when less is reached than

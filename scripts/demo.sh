@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: BSD-2-Clause
 # Usage: scripts/demo.sh                  records a desktop, with moves and without
 #        scripts/demo.sh FILE.y4m         encodes that clip, with moves and without
 #        scripts/demo.sh --serve [OPTION...]
@@ -15,7 +16,7 @@ set -euo pipefail
 
 case ${1:-} in
   --help | -h)
-    sed -n '2,/^set/{/^set/d;s/^# \{0,1\}//;p}' "${BASH_SOURCE[0]}"
+    sed -n '3,/^set/{/^set/d;s/^# \{0,1\}//;p}' "${BASH_SOURCE[0]}"
     exit 0
     ;;
   --serve) mode=serve serve_options=("${@:2}") ;;

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: BSD-2-Clause
 # Usage: scripts/setup.sh [--list] [GROUP...]
 # Installs the Debian 12 packages of the groups (build and tools when none is named). This is the one
 # list of packages. Needs root or sudo only when something is missing; touches nothing, and no

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: BSD-2-Clause
 # Usage: scripts/stress.sh SECONDS
 # Builds the release preset and runs what takes minutes, within about so many seconds: for half of
 # them the tests labelled long and soak, then the fuzzers. Ends with another status than 0 on any
@@ -7,7 +8,7 @@ set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 if [[ ! ${1:-} =~ ^[1-9][0-9]*$ ]]; then
-  sed -n '2,5s/^# //p' "${BASH_SOURCE[0]}" >&2
+  sed -n '3,6s/^# //p' "${BASH_SOURCE[0]}" >&2
   exit 2
 fi
 scripts/build.sh release tests fuzz

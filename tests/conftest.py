@@ -1,1 +1,2 @@
+# SPDX-License-Identifier: BSD-2-Clause
 from harness import segment

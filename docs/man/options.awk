@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-2-Clause
 # awk -f options.awk HELP PAGE.scd: the page with @OPTIONS@ replaced by the options that the
 # program's own --help lists, so that neither can forget one.
 function flush() {

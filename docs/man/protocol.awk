@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-2-Clause
 # awk -f protocol.awk docs/protocol.md: the protocol as a manual page.
 function plain(text) {
   gsub(/\\/, "\\\\", text)

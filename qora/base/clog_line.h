@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/base/clog_line.h -- How a diagnostic line begins, and lines on std::clog without a logger:
 // what the logger and the mutex that it locks both write with. Any thread; errno stays.
 #pragma once

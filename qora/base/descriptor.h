@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/base/descriptor.h -- A file descriptor that is closed with its owner.
 #pragma once
 

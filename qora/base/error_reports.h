@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/base/error_reports.h -- How a class rejects a call: one line on the log stream after
 // "<class>: ERROR! ", the same without that on the error stream, and errno for the caller to return
 // with. The line names the method and, as `context`, the circumstances:

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/base/error_text.h -- What an error number is called, and how a message shows a text that is
 // missing. Any thread.
 #pragma once

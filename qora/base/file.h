@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/base/file.h -- Questions about paths, and small operations on descriptors. No state, any
 // thread. A path comes as a directory and a name; the directory may be null or empty, the name is
 // then the whole path. Results: 1 yes or done, 0 no, -1 unknown or not done, with the system's

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/base/keep_errno.h -- errno outlives a log line or a clean-up.
 #pragma once
 

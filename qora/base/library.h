@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/base/library.h -- Shared libraries through the dynamic loader. No state, any thread. "Lines"
 // are lines on the log stream.
 #pragma once

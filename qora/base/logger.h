@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/base/logger.h -- Diagnostics for the whole process, one line per call:
 //     logStream() << "CodecSegment: ERROR! Failed to attach to segment id " << id << ".\n";
 // An accessor flushes its stream, writes the prefix and returns the stream; the caller writes the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/base/mutex.h -- Recursive POSIX mutexes, owned by the object that embeds them.
 //
 // The operations that set a mutex up report a failure in two lines on std::clog, each after the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/base/options.h -- Single-letter command line options, one for each call:
 //     resetOptions();
 //     while ((option = parseOption(argc, argv, "ab:")) != -1) ...

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/base/process.h -- This process and others: status, priority, identity, start.
 //
 // A failure is reported in two lines on the log stream, what failed and errno, and leaves errno as

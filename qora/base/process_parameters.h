@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/base/process_parameters.h -- Parameter text: items key=value, joined by ",".
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/base/process_report.h -- How the process family reports its failures; for its own sources
 // only.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/time.h>

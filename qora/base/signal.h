@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/base/signal.h -- The signal calls with a line on the log stream for a failure, and names.
 // errno is that of the call. Old values are stored unless their pointer is null.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/base/socket.h -- Socket options, and what the kernel underneath is able to do.
 // Results: 1 or a count, 0 where the system lacks the option, -1 with the system's errno. "Level n"
 // after an operation names the least support level that it needs. A failure is reported on the log

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/ip.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/base/string.h -- Heap texts owned through a slot, tests on texts, and texts of addresses and
 // times. A slot is a char* variable, null or the owner of a NUL-terminated array: an operation that
 // stores into it deletes the array that was there (delete[]), unless it says otherwise, and never

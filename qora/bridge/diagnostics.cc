@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 #include "qora/bridge/diagnostics.h"
 
 #include <unistd.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // qora/bridge/diagnostics.h -- The bridge's own lines on standard error.
 #pragma once
 

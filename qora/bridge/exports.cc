@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // qora/bridge/exports.cc -- The library's C functions, as API build 142 has them.
 //
 // A caller takes the bridge for an encoder library of build 142: it fills a block of 936 bytes by

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // qora/bridge/installed_encoder.h -- Drives the encoder library that the machine has.
 //
 // The library is opened at the first call that needs it, by the versioned name of the header that

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 #include "qora/bridge/legacy_params.h"
 
 #include <cassert>

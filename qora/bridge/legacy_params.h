@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // qora/bridge/legacy_params.h -- The caller's parameter block, in the layout of API build 142.
 //
 // Callers fill the block by byte offset and know 19 fields of it. Nothing else in the block is ever

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 #include "qora/capture/screen.h"
 
 #include <algorithm>

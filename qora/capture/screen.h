@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/capture/screen.h -- Where live pictures come from: a screen that somebody else draws on.
 //
 //     while (screen->dispatch() == 0) { poll() screen->descriptor() for screen->nextLook() ms }

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 #include "qora/capture/wayland_screen.h"
 
 #include <poll.h>

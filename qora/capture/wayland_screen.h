@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/capture/wayland_screen.h -- An output of a Wayland compositor, or a part of it, where the
 // compositor offers wlr-screencopy.
 //

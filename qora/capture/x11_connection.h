@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/capture/x11_connection.h -- What xcb hands out and the caller has to give back.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/capture/x11_image_reader.h -- Pixels of an X window, many rectangles in one round trip.
 //
 // They come through shared memory where that can be had, else over the connection. All requests are

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/capture/x11_pointer.h -- The mouse pointer, which is no part of what an X screen's pixels
 // say.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/capture/x11_screen.h -- The screen of an X server, or a part of it.
 //
 // The server collects where it was drawn on and reports it once, until it is asked: so asking less

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 #include "qora/client/cell_features.h"
 
 #include <algorithm>

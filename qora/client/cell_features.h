@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/client/cell_features.h -- What of a macroblock decides the cost of coding it. Pure.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/client/changed_rectangles.h -- Two pictures -> the rectangles that changed from one to the
 // other.
 //

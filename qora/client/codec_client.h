@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/client/codec_client.h -- A parent's end of the codec service: starts it, sends it commands,
 // takes its replies, ends it.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/client/convert.h -- Pixels as screens hold them to what the encoder takes: BGRX to I420.
 //
 // BT.709, limited range: what browsers and players assume of an untagged HD picture. A chroma

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/client/damage.h -- Which macroblocks of a picture may have changed since it was last
 // encoded.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/client/frame_segment.h -- The shared memory that the pictures stand in.
 //
 // A segment holds a few cells of one picture each, so that a parent can fill one while it still

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/client/link_rate.h -- The rate that a link takes, found out from when its far end
 // acknowledges what was sent: for a parent that is not told, such as one that serves viewers over
 // the Internet.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/client/log_tail.h -- The last lines of a log. Bounded whatever comes; bytes that would steer
 // a terminal become '?'. One thread at a time.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/client/motion_guess.h -- Whether what changed is what was there before, moved: the encoder
 // finds that itself and codes it for next to nothing. Pure.
 #pragma once

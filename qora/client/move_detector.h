@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/client/move_detector.h -- What moved from one picture to the next, as exact copies of whole
 // macroblocks: text that scrolls, in any direction, and windows that are dragged.
 //

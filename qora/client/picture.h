@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/client/picture.h -- An I420 picture in memory that somebody else owns.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/client/picture_cells.h -- The pictures of one stream in a segment: a few cells of one size,
 // so that one can be filled while the service reads others.
 //

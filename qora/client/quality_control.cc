@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 #include "qora/client/quality_control.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/client/quality_control.h -- Which quantizer offset each part of a picture gets, and when a
 // picture is worth encoding at all, so that a stream in constant-quality mode (bitrate 0) holds a
 // rate that may change at any moment: no key frame, no stream added again.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/client/region_copies.h -- What a viewer does so that it can follow a stream with moves: it
 // makes each frame's copies in its own decoded picture, before it decodes the next access unit.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/client/reply_queue.h -- Encode calls that wait for their replies, and the bytes of the
 // replies as they come. Knows no descriptor.
 //

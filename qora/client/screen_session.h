@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/client/screen_session.h -- A parent that cannot go wrong: screens to streams of H.264.
 //
 // Owns the service, the shared memory and up to eight streams, remembers every setting, and checks

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 #include "qora/client/screen_stream.h"
 
 #include <algorithm>

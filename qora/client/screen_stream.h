@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/client/screen_stream.h -- One stream of a session: its present picture, what of that was not
 // sent yet, and what is to be sent next.
 //

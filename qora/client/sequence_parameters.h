@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/client/sequence_parameters.h -- Makes the sequence parameter set of an access unit say what
 // is true of the stream.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 #include "qora/client/service_end.h"
 
 #include <sys/wait.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/client/service_end.h -- How the service ended, in words for a person.
 #pragma once
 

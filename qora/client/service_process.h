@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/client/service_process.h -- The child that serves: its start, its pipes, its end.
 //
 // Our pipe ends are close-on-exec from the moment they exist, so that no other child of ours holds

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 #include "qora/client/shared_segment.h"
 
 #include <sys/ipc.h>

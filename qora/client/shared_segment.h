@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/client/shared_segment.h -- A System V segment that nobody has to clean up.
 //
 // It is marked for removal before create() returns: the kernel keeps it for as long as anybody has

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 #include "qora/client/stream_format.h"
 
 #include <sys/uio.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/client/stream_format.h -- A stream with moves in a file or a pipe: access units with what
 // standard containers cannot hold, the copies that a viewer makes after each, and with their times.
 //

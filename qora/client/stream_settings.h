@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/client/stream_settings.h -- What a stream of a session is to be like, and what the session
 // checks before it sends anything: the service ends at the first wrong command.
 #pragma once

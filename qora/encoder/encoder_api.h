@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/encoder/encoder_api.h -- The encoder library: found, loaded and resolved into one table.
 //
 // The library is not linked. It lies at $QORA_SYSTEM/lib/libx264.so or, failing that, at

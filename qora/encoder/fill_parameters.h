@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/encoder/fill_parameters.h -- Fills the encoder's parameter block for a new stream.
 //
 // One policy for all builds: a low-latency baseline encoder with an unbounded keyframe interval at

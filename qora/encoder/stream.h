@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/encoder/stream.h -- One encoder stream: what a parameter filler reads and writes.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 #include "qora/sandbox/call_filter.h"
 
 #include <fcntl.h>

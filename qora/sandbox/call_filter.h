@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/sandbox/call_filter.h -- The system calls that the service needs, as a filter of the kernel.
 //
 // Everything else ends the process by SIGSYS at once: a refused call means that something is wrong,

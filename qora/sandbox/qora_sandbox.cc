@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora-sandbox -- Runs a program under the service's system call filter:
 //     qora-sandbox PROGRAM [ARGUMENT...]
 // PROGRAM is not searched for. It takes this process over, so its process id, its three standard

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/service/channel.h -- The command channel: framed messages in, replies out.
 //
 // Handlers work on bytes inside the receive buffer; nothing is copied. The buffer may move when it

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/service/fatal.h -- The reporters that end the process at once.
 //
 // Each writes its line to the error stream, with the context between brackets, and leaves through

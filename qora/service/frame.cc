@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 #include "qora/service/frame.h"
 
 #include <sys/time.h>

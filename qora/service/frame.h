@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/service/frame.h -- Encodes one frame of a stream and replies with it.
 #pragma once
 

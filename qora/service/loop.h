@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/service/loop.h -- The life of the service: start, one message after another, orderly
 // shutdown.
 #pragma once

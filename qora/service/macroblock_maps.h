@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/service/macroblock_maps.h -- Rectangles in pixels become the two per-macroblock maps. Pure.
 #pragma once
 

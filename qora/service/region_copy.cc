@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 #include "qora/service/region_copy.h"
 
 #include <cstddef>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/service/region_copy.h -- Moves content between reconstructed pictures, so that the next
 // frame predicts from where the content now is. Pure; coordinates are the parent's and are trusted.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/service/segment.h -- The one shared-memory segment that holds the parent's pictures.
 //
 // The parent creates, sizes and removes it; the service only attaches. Its size is not kept: the

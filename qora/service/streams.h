@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/service/streams.h -- The table of encoder streams, and the commands that fill and empty a
 // slot.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 #include "qora/session/qora_session.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 /* qora/session/qora_session.h -- Screens to streams of H.264, for C and whatever calls C.
  *
  * A session starts the codec service, owns the memory of the pictures and up to eight streams,

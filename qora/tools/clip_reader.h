@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/tools/clip_reader.h -- Pictures out of a Y4M or raw I420 clip, from a file or a pipe.
 // Samples go straight to where the picture stands.
 #pragma once

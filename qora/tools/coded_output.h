@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/tools/coded_output.h -- Where coded frames go: a raw file, a movie, a stream with moves.
 //
 // Times are those of the recording or clip, from 0 on. Results: 1, -1 with problem(), one line for

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 #include "qora/tools/encode_options.h"
 
 #include <cstring>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/tools/encode_options.h -- The command line of qora-encode.
 #pragma once
 

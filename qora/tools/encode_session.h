@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/tools/encode_session.h -- One run of qora-encode: a clip through the service into files.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/tools/interrupt.h -- A program that finishes its frame when it is told to stop.
 //
 // A terminal sends SIGINT to the whole process group. A child started between the two calls ignores

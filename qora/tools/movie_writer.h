@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/tools/movie_writer.h -- H.264 access units into an .mp4 or .mkv file, each shown from its
 // own time on until the next one's.
 //

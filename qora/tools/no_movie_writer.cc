@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 #include "qora/tools/movie_writer.h"
 
 // For a build without libavformat: no file is ever open.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/tools/numbers.h -- Decimal numbers out of text that a person or another program wrote.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/tools/option_table.h -- The options of a program: one table that the command line is read
 // by, and that --help and the shells' completions are made from.
 //

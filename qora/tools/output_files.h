@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/tools/output_files.h -- What qora-encode writes: coded clips and their statistics.
 #pragma once
 

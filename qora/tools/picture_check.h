@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/tools/picture_check.h -- How decoded pictures compare with their source, picture by picture.
 //
 // Besides the distance from the source it looks for drift: a macroblock in which the source stands

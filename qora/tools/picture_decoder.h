@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/tools/picture_decoder.h -- What a viewer shows: access units decoded one at a time, each
 // with its copies made in the decoder's own picture.
 //

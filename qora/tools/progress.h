@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/tools/progress.h -- How far an encode has come, told on a terminal.
 #pragma once
 

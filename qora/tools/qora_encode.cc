@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora-encode -- Encodes a clip through the codec service.
 
 #include <cstdio>

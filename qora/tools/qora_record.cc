@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora-record -- Records a live screen through the codec service.
 
 #include <cstdio>

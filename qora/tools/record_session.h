@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/tools/record_session.h -- One run of qora-record: a live screen into a file.
 //
 // A loop of one thread, which sleeps until the screen was drawn on, a frame is coded, something is

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/tools/screen_reader.h -- What was drawn on a live screen, into an I420 picture.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/tools/service_paths.h -- Where the service and its encoder library are, when nobody says.
 //
 // A build folder has both beside the tool; an installation has the tool in bin/, the service in

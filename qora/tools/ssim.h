@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/tools/ssim.h -- How alike two pictures look to a person: structural similarity. Pure.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/tools/stream_verifier.h -- Whether a coded stream shows its source, frame by frame as it is
 // made.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/tools/y4m.h -- The header line of a Y4M clip. Pure.
 #pragma once
 

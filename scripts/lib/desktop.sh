@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-2-Clause
 # scripts/lib/desktop.sh -- A virtual X screen with programs on it, for scripts that film it.
 # Source it. It makes the temporary folder $work, and at the end, also after Ctrl-C, ends every job
 # and deletes the folder.

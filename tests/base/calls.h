@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // tests/base/calls.h -- What a call gives, with the C library's answers on the way.
 //     GIVES("-1 EBADF", file::setPipeSize(-1, 4096));
 //     const Script script({{"kill", -1, EPERM}});

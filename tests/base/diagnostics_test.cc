@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Error texts, error reports, mutexes, libraries, signals.
 #include <link.h>
 #include <pthread.h>

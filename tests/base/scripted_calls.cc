@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The functions of the C library that a Script can answer for: those that cannot be made to fail,
 // or not on every machine and for every user. The linker leads their callers in base/ here.
 #include <dlfcn.h>

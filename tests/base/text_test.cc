@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Texts in slots, parameter text, options.
 #include <algorithm>
 

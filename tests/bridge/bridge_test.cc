@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The bridge beside the installed library: the same calls must give the same bytes.
 #include <dlfcn.h>
 #include <gtest/gtest.h>

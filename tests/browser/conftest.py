@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-2-Clause
 """What the browser tests stand on: an X server, qora-serve over it, viewers of both kinds."""
 
 import base64

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-2-Clause
 """The page in a real browser: what its canvas shows is what the screen shows."""
 
 import signal

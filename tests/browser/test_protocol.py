@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-2-Clause
 """What a viewer may send, and what becomes of one that sends something else."""
 
 import os

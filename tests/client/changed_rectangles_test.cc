@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 #include "qora/client/changed_rectangles.h"
 
 #include <gtest/gtest.h>

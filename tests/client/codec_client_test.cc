@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 #include "qora/client/codec_client.h"
 
 #include <fcntl.h>

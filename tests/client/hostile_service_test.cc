@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Services that stop, flood, lie, answer too much or too little, and die: every call returns, and
 // the client's memory stays bounded.
 #include <gtest/gtest.h>

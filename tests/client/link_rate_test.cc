@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 #include "qora/client/link_rate.h"
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 #include "qora/client/move_detector.h"
 
 #include <gtest/gtest.h>

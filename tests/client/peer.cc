@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 #include "tests/client/peer.h"
 
 #include <gtest/gtest.h>

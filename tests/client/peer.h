@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // What stands in for the service: the test program itself, started as a service, does what a row of
 // a table says. Everything between it and the client is real.
 #pragma once

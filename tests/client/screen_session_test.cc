@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The session against the real service. QORA_CALLS says how many random calls are made (4000).
 #include "qora/client/screen_session.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // What the rewritten sets say is read by libavcodec's trace of headers, element by element, from
 // sets that a real encoder makes, and by its decoder.
 #include "qora/client/sequence_parameters.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 #include "qora/encoder/fill_parameters.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: BSD-2-Clause
 """Usage: doc_blocks.py DOCUMENT.md OUT.cc -- The document's C++ blocks as one program.
 
 The first block is a whole program, step 0. The others go on from it: each becomes a function that

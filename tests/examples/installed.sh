@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: BSD-2-Clause
 # Usage: tests/examples/installed.sh BUILD_FOLDER
 # A project outside finds what is installed, by CMake and by pkg-config, and its parents work there.
 set -euo pipefail

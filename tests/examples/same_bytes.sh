@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: BSD-2-Clause
 # Usage: tests/examples/same_bytes.sh BUILD_FOLDER
 # The examples in every language, and qora-encode, give the same bytes for one clip; but qora-encode
 # makes the sequence parameter set, which comes first, tell the clip's rate.

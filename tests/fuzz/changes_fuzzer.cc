@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // tests/fuzz/changes_fuzzer.cc -- Two pictures -> rectangles: every changed sample lies in exactly
 // one of them, and none is empty, outside or begins inside a macroblock.
 

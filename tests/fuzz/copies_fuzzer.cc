@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // tests/fuzz/copies_fuzzer.cc -- Region copies between and inside small pictures, byte by byte
 // against a model. Buffers end where the pictures do.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // tests/fuzz/fuzz.h -- What every fuzzer is made of: its entry, its input, its verdict.
 #pragma once
 

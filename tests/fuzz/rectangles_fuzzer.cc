@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // tests/fuzz/rectangles_fuzzer.cc -- A list of rectangles into both maps, against a model that asks
 // of each macroblock whether a rectangle touches it.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // tests/fuzz/replay.cc -- Runs a fuzzer over files, without an engine.
 //
 // Usage: replay_NAME FOLDER. Each file is run whole, then cut after every one of its bytes; then

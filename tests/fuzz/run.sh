@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: BSD-2-Clause
 # Usage: tests/fuzz/run.sh SECONDS [WORKERS]
 # Runs every fuzzer within about SECONDS, WORKERS processes of it (2) at a time, the session as long
 # as the others together; prints "NAME EXECUTIONS FINDINGS" for each and for all. Ends with 1 if

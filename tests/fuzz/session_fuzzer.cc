@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // tests/fuzz/session_fuzzer.cc -- The whole loop: any bytes as the parent's commands, over the
 // scripted encoder. The end has a documented status and the output is whole replies. Everything is
 // real but the end of the process, which is a return.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-2-Clause
 """A real X server with real programs on it, and recordings of it."""
 
 import os

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-2-Clause
 """qora-record against a real X server with real programs."""
 
 import contextlib

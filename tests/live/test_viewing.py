@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-2-Clause
 """qora-view on streams of the recorder and of qora-encode, and its window on a real screen."""
 
 import subprocess

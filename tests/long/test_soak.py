@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-2-Clause
 """Eight streams with the real encoder for as long as QORA_SECONDS says: blocks, memory, descriptors
 and mappings must stay.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The built service with the real encoder: its bytes are those of the same calls in this process,
 // and every picture that a decoder shows is the encoder's reconstruction, region copies included.
 // Eight streams at once, all of them removed and added again in other sizes. QORA_FRAMES says how

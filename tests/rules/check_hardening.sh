@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: BSD-2-Clause
 # Usage: tests/rules/check_hardening.sh FILE...
 # Holds what every shipped program and library is built with: position independent, relocations done
 # and read-only before the first instruction of ours, no executable stack, stack protector, checked

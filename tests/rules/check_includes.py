@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: BSD-2-Clause
 """Holds the include rules: which layer may include what, and the arrows inside base/.
 
 Usage: tests/rules/check_includes.py

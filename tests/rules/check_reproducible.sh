@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: BSD-2-Clause
 # Usage: tests/rules/check_reproducible.sh
 # Builds what ships twice, in folders of different names and depths, and compares the installed
 # files byte by byte.

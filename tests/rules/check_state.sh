@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: BSD-2-Clause
 # Usage: tests/rules/check_state.sh OBJECT_FILE...
 # Compares the writable variables of the product's object files with the list in
 # docs/process_state.md, so that a new process-wide record is seen in review. Constants, a generator's

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: BSD-2-Clause
 # Usage: tests/rules/sandbox_check.sh filter|bubblewrap|calls BUILD_FOLDER
 # filter      the service works as ever under its system call filter, and the filter refuses
 # bubblewrap  the service, unchanged, works in a sandbox without network and with read-only files,

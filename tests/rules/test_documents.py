@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-2-Clause
 """The documents speak of what is there: links, files, options, the bytes of an example."""
 
 import functools
@@ -64,3 +65,12 @@ def test_the_bytes_of_the_scroll_are_that_command():
     rows = [re.match(r"(?:[\da-f]{2} {1,2})+", row)[0] for row in section.strip().splitlines()]
     assert bytes.fromhex("".join(rows)) == encode(
         0, rectangle(16, 192, 288, 16), copy((16, 48), (16, 32), 288, 160), layout=planes(320, 240, 115200))
+
+
+def test_every_source_file_names_its_licence():
+    tracked = subprocess.run(["git", "ls-files", "*.cc", "*.h", "*.c", "*.py", "*.sh", "*.cmake",
+                              "*CMakeLists.txt", "*.js", "*.css"], cwd=ROOT, capture_output=True,
+                             text=True, check=True).stdout.split()
+    for path in tracked:
+        licence = "GPL-2.0-or-later" if path.startswith("qora/bridge/") else "BSD-2-Clause"
+        assert f"SPDX-License-Identifier: {licence}" in (ROOT / path).read_text(), path

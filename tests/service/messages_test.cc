@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 #include "qora/service/wire/messages.h"
 
 #include <gtest/gtest.h>

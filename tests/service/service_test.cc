@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // What the built service cannot be brought to from outside.
 #include <gtest/gtest.h>
 #include <unistd.h>

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-2-Clause
 """Each system call and each allocation of a session fails in turn; the service must end by itself,
 with listed lines and the errno of what failed."""
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-2-Clause
 """What the encoder is given for a frame and what a reply says, as the scripted encoder reports it."""
 
 import pytest

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-2-Clause
 """Messages of any declared size anywhere in the buffer, and bytes that arrive in any portions."""
 
 import pytest

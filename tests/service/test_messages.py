@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-2-Clause
 """Every line and every end of the service, brought about from outside."""
 
 import os

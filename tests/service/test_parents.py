@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-2-Clause
 """Parents that are slow, that stop listening, and that die at every byte of a command. Whatever the
 parent does, the service ends by itself and lets go of the segment."""
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The C library: its records in all versions, and that every field arrives where it belongs.
 #include <gtest/gtest.h>
 

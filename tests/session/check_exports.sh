@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: BSD-2-Clause
 # Usage: tests/session/check_exports.sh LIBRARY HEADER
 # The library exports the functions that its header declares and nothing else.
 set -euo pipefail

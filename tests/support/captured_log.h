@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // tests/support/captured_log.h -- Catches what is written to std::clog while it lives.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // tests/support/copied_rows.h -- What a region copy moves, row by row: what copyRegion() and the
 // decoder's own copies are held against.
 #pragma once

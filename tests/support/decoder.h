@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // tests/support/decoder.h -- What a viewer shows, region copies included.
 //
 // One thread with low delay hands out the pictures that it predicts from, so what is changed in

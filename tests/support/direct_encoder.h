@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // tests/support/direct_encoder.h -- The calls that the service makes, made in this process on the
 // installed library: what its coded bytes and its times are held against.
 #pragma once

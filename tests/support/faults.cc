@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Preloaded into the service: makes one call fail or fall short, or sets the clock; counts blocks.
 // The environment variable FAULT is one of
 //   CALL=NUMBER:ERROR         that call, counted from 1, fails with that errno: allocation, read,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // tests/support/flush_counts.cc -- For the coverage build alone: a process that ends without its
 // exit handlers, or becomes another program, writes its counts first. Linked with --wrap for each
 // function.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-2-Clause
 """The built service as a child of a test: commands, replies, segments, libraries, runs."""
 # QORA_BUILD names the build folder. QORA_FORM is "long" for the forms that take minutes, QORA_SECONDS
 # how long those may run that have no end of their own.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // An encoder library that encodes nothing and does what the environment variable SCRIPTED_ENCODER
 // says when an encoder is opened, a list of name=number:
 //   preset, profile, open  other than 0: refused                     (0)

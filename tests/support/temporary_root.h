@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // tests/support/temporary_root.h -- A directory of its own for one test.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The program from outside: what it says, how it ends, what it leaves behind.
 #include <gtest/gtest.h>
 #include <sys/prctl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/encoder/abi/param_layout.h -- Where the fields that we set lie in the encoder's parameter
 // block.
 //

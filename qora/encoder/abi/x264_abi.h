@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/encoder/abi/x264_abi.h -- The encoder library's records as API builds 128 to 142 lay them
 // out.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 #include "qora/service/wire/byte_order.h"
 
 namespace qora::service {

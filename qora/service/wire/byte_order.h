@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/service/wire/byte_order.h -- Integers to and from bytes, in either byte order. Unaligned is
 // fine.
 //

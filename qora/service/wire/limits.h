@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/service/wire/limits.h -- How much the service's receive buffer holds, and so how large a
 // message may be.
 #pragma once

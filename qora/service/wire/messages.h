@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/service/wire/messages.h -- The messages between a parent and the service: records <-> bytes.
 //
 // Pure: a builder writes exactly the bytes of its message, a parser reads exactly them and checks

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/tools/serve/broadcast.h -- One screen to many viewers.
 //
 // All viewers share an encoder, and a frame's bytes. A viewer whose line carries much less than the

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-2-Clause
 # cmake -D FOLDER=page -D OUTPUT=page_files.cc -P embed.cmake: the page's files as C++ arrays.
 set(types_.html "text/html; charset=utf-8")
 set(types_.js "text/javascript; charset=utf-8")

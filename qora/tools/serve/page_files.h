@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/tools/serve/page_files.h -- The files of the page, which stand in the program itself.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 #include "qora/tools/serve/pointer_watch.h"
 
 #include <xcb/xfixes.h>

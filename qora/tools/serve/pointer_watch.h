@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/tools/serve/pointer_watch.h -- Shape and place of an X screen's pointer, for viewers that
 // draw it themselves: moving it then encodes nothing. One thread.
 #pragma once

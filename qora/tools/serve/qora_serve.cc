@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora-serve -- Shows a live screen in browsers.
 
 #include <sys/signalfd.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/tools/serve/reactor.h -- Our own descriptors and the one timer, behind one descriptor that
 // somebody else's event loop can watch. One thread.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 #include "qora/tools/serve/screen_input.h"
 
 #include <xcb/xcb.h>

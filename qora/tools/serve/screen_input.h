@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/tools/serve/screen_input.h -- Keyboard and pointer of a viewer, put into an X server.
 //
 // Keys come by their place on the keyboard, so that the server's own layout decides what they

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 #include "qora/tools/serve/serve_options.h"
 
 #include "qora/tools/option_table.h"

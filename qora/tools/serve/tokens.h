@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/tools/serve/tokens.h -- The secrets that let a viewer in.
 #pragma once
 

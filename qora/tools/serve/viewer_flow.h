@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/tools/serve/viewer_flow.h -- What one viewer gets, and when.
 //
 // A socket takes megabytes before it pushes back, so only the page's own word that it is done with

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 #include "qora/tools/serve/web_server.h"
 
 #include <libwebsockets.h>

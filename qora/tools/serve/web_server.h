@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/tools/serve/web_server.h -- The page and its WebSocket connections, by libwebsockets.
 //
 // Everything runs in run(), on one thread; callbacks come from there. Who a connection is, and what

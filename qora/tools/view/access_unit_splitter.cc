@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 #include "qora/tools/view/access_unit_splitter.h"
 
 #include <algorithm>

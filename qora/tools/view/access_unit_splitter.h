@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/tools/view/access_unit_splitter.h -- A byte stream of H.264 (Annex B) cut into access units.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 #include "qora/tools/view/frame_player.h"
 
 #include "qora/client/changed_rectangles.h"

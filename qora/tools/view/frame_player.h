@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/tools/view/frame_player.h -- Frames of a stream made into pictures, one after the other, and
 // an account of what was wrong with them.
 #pragma once

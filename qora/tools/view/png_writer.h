@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/tools/view/png_writer.h -- A picture as a PNG file.
 #pragma once
 

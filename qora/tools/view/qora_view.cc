@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora-view -- Plays a stream with moves or a plain H.264 stream, or compares it with its source.
 
 #include <cstdio>

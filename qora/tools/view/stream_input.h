@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/tools/view/stream_input.h -- Coded frames with their times out of a stream with moves or a
 // plain H.264 stream, from a file or a pipe.
 #pragma once

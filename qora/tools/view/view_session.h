@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/tools/view/view_session.h -- One run of qora-view: a stream in a window, compared with its
 // source, or one picture of it saved.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // qora/tools/view/view_window.h -- A window that shows pictures. One at a time in a process.
 #pragma once
 

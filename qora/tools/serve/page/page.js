@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The page around the picture: what state it is in, how it is scaled, and what a viewer with the
 // right to it types and points at.
 const byId = (id) => document.getElementById(id);

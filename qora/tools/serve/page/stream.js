@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The bytes of a message that carries a frame, and what a decoder has to know of its access unit.
 
 const headSize = 32;  // see docs/stream_format.md; the connection itself guards the bytes

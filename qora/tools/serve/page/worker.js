@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The connection, the decoder and the canvas, off the page's own thread: what the page does never
 // delays a picture. Talks to page.js by messages.
 import { codecOf, readFrame } from '/stream.js';
