@@ -31,7 +31,7 @@ declare -rA groups=(
     xdotool gnuplot-nox"
   [live]="xvfb openbox x11-xserver-utils xterm x11-apps fonts-dejavu-core xdotool ffmpeg"
   [browser]="
-    chromium chromium-driver xvfb x11-xserver-utils
+    chromium chromium-driver firefox-esr xvfb x11-xserver-utils
     python3-websocket python3-xlib python3-pil python3-numpy"
   [ci]="clang clang-format-14"
   [fuzz]="clang libclang-rt-14-dev llvm-14" # the fuzzing engine; readable traces of what it finds

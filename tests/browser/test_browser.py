@@ -1,15 +1,18 @@
 # SPDX-License-Identifier: BSD-2-Clause
 """The page in a real browser: what its canvas shows is what the screen shows."""
 
+import os
+import shutil
 import signal
 import socket
+import subprocess
 import threading
 import time
 
 import numpy
 import pytest
 
-from conftest import Viewer, eventually, psnr
+from conftest import Screen, Viewer, eventually, psnr
 
 ALIKE = 33  # dB; a part that is old costs far more
 
@@ -137,3 +140,26 @@ def test_a_slow_line_holds_nobody_back_and_gets_sharp(serve, screen, browser):
     eventually(lambda: slow.is_idle(1) and fast.is_idle(1))
     browser.open(f"http://127.0.0.1:{throttle.port}/#{server.token}")
     shows(browser, screen)
+
+
+@pytest.mark.skipif(not shutil.which("firefox-esr"), reason="Firefox is not installed")
+def test_firefox_shows_the_eight_colours(serve, screen, tmp_path):
+    server = serve()
+    paint_fields(screen)
+    desk = Screen(900, 700)
+    try:
+        firefox = subprocess.Popen(
+            ["firefox-esr", "--new-instance", "--profile", tmp_path, "--kiosk", server.addresses[0]],
+            env=os.environ | {"DISPLAY": desk.name, "HOME": str(tmp_path),
+                              "MOZ_DISABLE_CONTENT_SANDBOX": "1"},
+            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+
+        def fields_are_there():
+            shown = desk.pixels().astype(int)
+            wanted = [[colour >> 16, colour >> 8 & 255, colour & 255] for colour in FIELDS]
+            return all((abs(shown - one).max(axis=2) < 16).sum() > 100 * 200 for one in wanted)
+        eventually(fields_are_there, patience=90)
+        firefox.kill()
+        firefox.wait()
+    finally:
+        desk.close()
