@@ -25,8 +25,9 @@ TEST(Logger, PrefixesByAccessorAndMode) {
   for (const int32_t mode : {0, 2, 1}) {
     for (const auto& [accessor, prefix, isLog] : kAccessors) {
       logger().mode = mode;
+      const auto stream = accessor;
       const bool silent = mode == 0 || (mode == 2 && isLog);
-      GIVES(silent ? "" : std::string("\n") + prefix + "line\n", static_cast<void>(accessor() << "line\n"));
+      GIVES(silent ? "" : std::string("\n") + prefix + "line\n", static_cast<void>(stream() << "line\n"));
     }
   }
   GIVES("\n| line\n", static_cast<void>(standardErrorLog() << "line\n"));

@@ -71,11 +71,12 @@ TEST(Process, Failures) {
   };
   for (const auto& [answer, call, lines, quoted] : rows) {
     const Script script(answer.function.empty() ? std::vector<test::Answer>{} : std::vector{answer});
+    const auto& fails = call;
     const std::string level(lines, strchr(lines, ' ')), error = strerror(answer.error);
     const std::string reason = quoted ? " '" + error + "'" : ", " + error;
     GIVES(std::string("-1 ") + strerrorname_np(answer.error) + "\n| Process: " + lines + "\n| Process: " + level +
               " Error is " + std::to_string(answer.error) + reason + ".\n",
-        call());
+        fails());
   }
   EXPECT_EQ(text, nullptr);  // as it was
   {

@@ -135,9 +135,11 @@ TEST(Parameters, TextsNumbersAndItems) {
   GIVES("2147483647", parseCount("002147483647"));
   for (const char* none : {"2147483648", "99999999999999999999", "-1", " 1", ""}) GIVES("-1", parseCount(none));
   using Item = std::pair<const char*, const char*>;
-  for (const auto& [list, key] : {Item("a,ab", "a"), Item("ab", "ab"), Item(",b", "")}) GIVES("1", isItem(list, key));
-  for (const auto& [list, key] : {Item("a,ab", "ab"), Item("ab", "a"), Item("a", "ab"), Item("a,b", "a,b")}) {
-    GIVES("0", isItem(list, key));
+  for (const Item& item : {Item("a,ab", "a"), Item("ab", "ab"), Item(",b", "")}) {
+    GIVES("1", isItem(item.first, item.second));
+  }
+  for (const Item& item : {Item("a,ab", "ab"), Item("ab", "a"), Item("a", "ab"), Item("a,b", "a,b")}) {
+    GIVES("0", isItem(item.first, item.second));
   }
 }
 
