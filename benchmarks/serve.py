@@ -41,14 +41,14 @@ def browser_on(screen, address):
     return subprocess.Popen(
         ["chromium", "--no-sandbox", "--disable-quic", "--no-first-run", "--disable-sync",
          "--disable-background-networking", "--disable-component-update", "--kiosk",
-         "--window-size=1920,1080", "--window-position=0,0",
+         "--window-size=1920,1130", "--window-position=0,0",
          f"--user-data-dir={tempfile.mkdtemp()}", address],
         env=os.environ | {"DISPLAY": screen.name}, stdout=subprocess.DEVNULL,
         stderr=subprocess.DEVNULL)
 
 
 def delay():
-    shown, watched = Screen(1920, 1080), Screen(1920, 1080)
+    shown, watched = Screen(1920, 1080), Screen(1920, 1130)  # the page has a line above the picture
     server = Server(shown)
     browser = browser_on(watched, server.addresses[0])
     viewer = Viewer(server.socket())
@@ -59,13 +59,14 @@ def delay():
         time.sleep(0.06 + chance.random() * 0.06)
         shown.fill(0xFFFFFF * (number % 2), *BOX)
         begun = time.monotonic()
-        while abs(pixel(watched, 928, 545) - wanted) > 60:
+        while abs(pixel(watched, 928, 571) - wanted) > 60:
             if time.monotonic() - begun > 1:
                 lost += 1
                 break
+            time.sleep(0.001)  # asking all the time would take the browser's processor
         if number >= 10:  # the first ones still wait for the page
             pixels.append((time.monotonic() - begun) * 1000)
-            arrivals.append((viewer.last - begun) * 1000)
+            arrivals.append((min(at for at in viewer.times if at > begun) - begun) * 1000)
     print(f"\n| change to, ms (n = {CHANGES}, {lost} lost) | min | p50 | p90 | p99 | max |\n"
           "|---|---|---|---|---|---|")
     print(f"| message in a viewer of our own | {milliseconds(arrivals)} |")
@@ -142,7 +143,7 @@ def slow_line():
         time.sleep(0.05)
     print(f"\nA line of 1 Mbit/s beside a free one, 10 s of motion: {moving[0]:.1f} and {moving[1]:.1f} "
           f"frames a second, {slow.bytes // 1000} and {fast.bytes // 1000} KB; the slow one's last "
-          f"sharpening came {max(0, slow.last - ended):.1f} s after the motion ended.")
+          f"sharpening came {max(0, slow.times[-1] - ended):.1f} s after the motion ended.")
     server.stop()
     screen.close()
 

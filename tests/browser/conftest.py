@@ -112,7 +112,7 @@ class Viewer:
     """A viewer of our own on a thread, which acknowledges as a page does."""
 
     def __init__(self, connection):
-        self.connection, self.frames, self.bytes, self.last = connection, 0, 0, time.monotonic()
+        self.connection, self.frames, self.bytes, self.times = connection, 0, 0, [time.monotonic()]
         threading.Thread(target=self.collect, daemon=True).start()
 
     def collect(self):
@@ -122,14 +122,14 @@ class Viewer:
                 if kind == websocket.ABNF.OPCODE_BINARY:
                     self.frames += 1
                     self.bytes += len(data)
-                    self.last = time.monotonic()
+                    self.times.append(time.monotonic())
                 if kind == websocket.ABNF.OPCODE_BINARY or data.startswith(b"line"):
                     self.connection.send(f"ack {self.frames}")
         except (websocket.WebSocketException, OSError):
             pass
 
     def is_idle(self, seconds):
-        return time.monotonic() - self.last > seconds
+        return time.monotonic() - self.times[-1] > seconds
 
 
 class Server:
