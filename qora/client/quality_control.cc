@@ -2,6 +2,7 @@
 #include "qora/client/quality_control.h"
 
 #include <algorithm>
+#include <bitset>
 #include <cmath>
 #include <numeric>
 
@@ -26,8 +27,8 @@ constexpr double kRefineBelow = 20;     // and nothing while more than this is q
 
 constexpr int32_t kSmallChange = 200;  // cells
 constexpr int32_t kFewCells = 64;
-constexpr size_t kMostSealed = 512;  // rectangles, so that there is always room for changes
-constexpr size_t kMostGuarded = 256;
+constexpr size_t kMostSealed = 1024;  // rectangles, so that there is always room for changes
+constexpr size_t kMostGuarded = 1024;
 constexpr size_t kMostRefined = 1024;
 constexpr int32_t kMudTolerance = 6;  // a copy's source may be that much coarser than coding it
 constexpr int32_t kOffsetStep = 2;
@@ -172,6 +173,7 @@ void QualityControl::plan(Time now, const Damage& changed, const Picture& pictur
   plan.step = QualityStep::silent;
   plan.rectangles.clear();
   plan.copies.clear();
+  plan.keeping = 0;
   const bool whole = keyFrame || startAnew_;
   changing_ = changed;
   if (whole) changing_.addAll();
@@ -196,8 +198,11 @@ void QualityControl::plan(Time now, const Damage& changed, const Picture& pictur
   for (size_t kind = 0; kind < kKinds; ++kind) frame.bits[kind] *= factors_[kind];
   const int32_t goal = chooseRefined(frame.bits);
 
-  // Not beside what changes: the encoder would skip the cell along with its neighbours' motion.
-  if (changing_.isEmpty() && plan.copies.empty()) seal(plan);
+  if (changing_.isEmpty() && plan.copies.empty()) {
+    still_.unsealed.subtract(refined_);
+    seal(still_.unsealed, plan);
+  }
+  plan.keeping = static_cast<int32_t>(plan.rectangles.size());
   if (!whole) guardSealed(plan);
   list(refined_, goal, kMostRefined, plan);
   refined_.forEachCell([&](int32_t x, int32_t y) {
@@ -473,7 +478,7 @@ void QualityControl::takeCopies(std::span<const service::RegionCopy> candidates,
   std::vector<int8_t> offsets;  // all read before one is written: copies overlap
   for (const service::RegionCopy& copy : plan.copies) {
     removeDestination(copy, changing_);
-    plan.rectangles.push_back({.quantizerOffset = kSealingOffset,
+    plan.rectangles.push_back({.quantizerOffset = kSkippingOffset,
                                .x = copy.destinationX,
                                .y = copy.destinationY,
                                .width = copy.width,
@@ -510,21 +515,52 @@ void QualityControl::list(Damage& cells, int32_t offset, size_t limit, QualityPl
   plan.rectangles.insert(plan.rectangles.end(), listed_.begin(), listed_.end());
 }
 
+// Appends rectangles that cover the cells, at so much above what each was coded at. All that were
+// coded alike stand together; the cells become those covered.
+void QualityControl::listAsCoded(Damage& cells, int32_t above, size_t limit, QualityPlan& plan) {
+  std::bitset<kNeverCoded - kFinestOffset + 1> offsets;
+  cells.forEachCell([&](int32_t x, int32_t y) {
+    offsets.set(static_cast<size_t>(offsetOf(x, y) - kFinestOffset));
+  });
+  const Damage wanted = cells;
+  for (size_t at = 0; at < offsets.size(); ++at) {
+    if (!offsets.test(at)) continue;
+    const int32_t offset = static_cast<int32_t>(at) + kFinestOffset;
+    alike_.resize(cells.width(), cells.height());
+    wanted.forEachCell([&](int32_t x, int32_t y) {
+      if (offsetOf(x, y) == offset) alike_.set(x, y);
+    });
+    list(alike_, std::min(offset + above, kSkippingOffset), limit / offsets.count(), plan);
+    cells.add(alike_);
+  }
+}
+
 // What is not to be coded in this frame must not be: the encoder codes a still cell once more, at
-// will, as long as it is not sealed.
-void QualityControl::seal(QualityPlan& plan) {
-  still_.unsealed.subtract(refined_);
-  list(still_.unsealed, kSealingOffset, kMostSealed, plan);
-  sealed_.add(still_.unsealed);
-  still_.unsealed.forEachCell([this](int32_t column, int32_t row) {
+// will, as long as it is not sealed. To seal it is to list it far enough above what it was coded at
+// that there is nothing to code. Above quantizer 51 the encoder would no longer take the cell for a
+// still one: its neighbours' motion costs it less than none then, and it takes that.
+void QualityControl::seal(Damage& cells, QualityPlan& plan) {
+  listAsCoded(cells, kSealedAbove, kMostSealed, plan);
+  sealed_.add(cells);
+  cells.forEachCell([this](int32_t column, int32_t row) {
     if (offsetOf(column, row) <= goal_) unfinished_.reset(column, row);
   });
 }
 
-// A sealed cell is listed at what it was coded at where the encoder would give it its neighbours'
-// motion: with the sealing offset that costs nothing, so text would stand out of place, and a later
-// copy would carry it on. It does so where neither the cell to the left nor the one above stands
-// still. That reaches from a changed cell along its row, below such cells of the row above.
+void QualityControl::planRepeat(QualityPlan& plan) {
+  plan.rectangles.clear();
+  plan.copies.clear();
+  plan.keyFrame = false;
+  still_.unsealed = unfinished_;
+  still_.unsealed.subtract(sealed_);
+  seal(still_.unsealed, plan);
+  plan.keeping = static_cast<int32_t>(plan.rectangles.size());
+}
+
+// A sealed cell beside motion stands still by force, which costs the cells around it their
+// prediction, and what a copy went to even takes its neighbours' motion. Listed at what it was
+// coded at it does neither. That reaches from a changed cell along its row, below such cells of the
+// row above: elsewhere the encoder predicts that the cell stands still.
 void QualityControl::guardSealed(QualityPlan& plan) {
   Damage listed = changing_;
   for (const service::RegionCopy& copy : plan.copies) {
@@ -541,21 +577,11 @@ void QualityControl::guardSealed(QualityPlan& plan) {
     }
   });
   guarded_.subtract(refined_);
-  while (!guarded_.isEmpty()) {
-    // All that were coded alike, at once.
-    int32_t offset = kNeverCoded;
-    guarded_.forEachCell([&](int32_t x, int32_t y) { offset = std::min(offset, offsetOf(x, y)); });
-    Damage alike(guarded_.width(), guarded_.height());
-    guarded_.forEachCell([&](int32_t x, int32_t y) {
-      if (offsetOf(x, y) == offset) alike.set(x, y);
-    });
-    guarded_.subtract(alike);
-    list(alike, offset, kMostGuarded, plan);
-    alike.forEachCell([&](int32_t x, int32_t y) {
-      markCoded(x, y, offsetOf(x, y));
-      cell(x, y).refinedAt = cell(x, y).changedAt;  // not worth a frame that seals it again
-    });
-  }
+  listAsCoded(guarded_, 0, kMostGuarded, plan);
+  guarded_.forEachCell([this](int32_t x, int32_t y) {
+    markCoded(x, y, offsetOf(x, y));
+    cell(x, y).refinedAt = cell(x, y).changedAt;  // not worth a frame that seals it again
+  });
 }
 
 void QualityControl::markCoded(int32_t column, int32_t row, int32_t offset) {

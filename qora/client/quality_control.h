@@ -42,7 +42,8 @@ namespace qora::client {
 inline constexpr int32_t kDefaultQuality = 8;  // at least 46.9 dB in the worst 1 % of the cells
 inline constexpr int32_t kFinestOffset = -12;
 inline constexpr int32_t kCoarsestOffset = 44;    // beyond it text is gone and nothing is saved
-inline constexpr int32_t kSealingOffset = 100;    // the encoder skips the cell and leaves it alone
+inline constexpr int32_t kSealedAbove = 14;       // a still cell is sealed that far above its own
+inline constexpr int32_t kSkippingOffset = 100;   // whatever changed, next to no byte is spent
 inline constexpr int32_t kRectangleLimit = 4096;  // 48 KiB: the service's first buffer holds them
 
 enum class QualityStep {
@@ -56,6 +57,8 @@ struct QualityPlan {
   QualityStep step = QualityStep::silent;
   std::chrono::microseconds until{};           // wait: when
   std::vector<service::Rectangle> rectangles;  // encode: never empty
+  int32_t keeping = 0;                         // so many of them, the first, sharpen nothing: they
+                                               // seal, or are what copies go to
   std::vector<service::RegionCopy> copies;     // encode: those of the candidates that are worth it
   bool keyFrame = false;  // encode: the frame starts anew; set the request's `invalidate`
 };
@@ -90,8 +93,9 @@ class QualityControl {
   void plan(Time now, const Damage& changed, const Picture& picture, const Picture* before,
             std::span<const service::RegionCopy> copies, bool keyFrame, QualityPlan& plan);
 
-  // A frame besides the planned ones listed all of the picture at the sealing offset.
-  void allSealed() { sealed_.addAll(); }
+  // Lists what a frame besides the planned ones, of the last picture encoded, must seal. With
+  // nothing listed it is sealed already.
+  void planRepeat(QualityPlan& plan);
 
   // The reply to the oldest planned frame that has none yet: coded bytes, the reply's key flag.
   void encoded(Time now, int64_t bytes, bool keyFrame);
@@ -165,7 +169,8 @@ class QualityControl {
   bool isWorthCopying(const service::RegionCopy& copy, int32_t offset) const;
   void takeCopies(std::span<const service::RegionCopy> candidates, uint32_t now, QualityPlan& plan);
   void list(Damage& cells, int32_t offset, size_t limit, QualityPlan& plan);
-  void seal(QualityPlan& plan);
+  void listAsCoded(Damage& cells, int32_t above, size_t limit, QualityPlan& plan);
+  void seal(Damage& cells, QualityPlan& plan);
   void guardSealed(QualityPlan& plan);
   void markCoded(int32_t column, int32_t row, int32_t offset);
 
@@ -193,6 +198,7 @@ class QualityControl {
   Damage changing_;
   Damage refined_;
   Damage guarded_;
+  Damage alike_;
   Still still_;
   std::vector<service::Rectangle> listed_;
 };

@@ -440,6 +440,7 @@ int32_t ScreenSession::takeFrame(CodedFrame& frame) {
     frame.picture = sent.frame.picture;
     frame.pictureTime = sent.frame.pictureTime;
     frame.rectangles = std::move(sent.frame.rectangles);
+    frame.keeping = sent.frame.keeping;
     frame.copies = std::move(sent.frame.copies);
     return 1;
   }

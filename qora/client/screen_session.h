@@ -76,7 +76,8 @@ struct CodedFrame {
                                             // same one again: sharpened
   std::chrono::microseconds pictureTime{};  // when that was, by the session's clock
   std::vector<service::Rectangle> rectangles;  // what was listed, with the offsets used
-  std::vector<service::RegionCopy> copies;     // whoever decodes makes them before the next frame
+  int32_t keeping = 0;                      // so many of them, the first, only keep what is there
+  std::vector<service::RegionCopy> copies;  // whoever decodes makes them before the next frame
 };
 
 class ScreenSession {

@@ -129,6 +129,7 @@ QualityStep ScreenStream::planForEncoder() {
   plan_.rectangles.clear();
   plan_.copies.clear();
   plan_.keyFrame = keyFrameWanted_;
+  plan_.keeping = 0;
   if (anew_ || keyFrameWanted_) {
     changed_.addAll();
     copies_.clear();
@@ -144,7 +145,7 @@ QualityStep ScreenStream::planForEncoder() {
   }
   change_.list(plan_.rectangles);
   for (const service::RegionCopy& copy : copies_) {
-    plan_.rectangles.push_back(rectangleOf(destinationOf(copy), kSealingOffset));
+    plan_.rectangles.push_back(rectangleOf(destinationOf(copy), kSkippingOffset));
     plan_.copies.push_back(copy);
   }
   return QualityStep::encode;
@@ -155,15 +156,13 @@ int32_t ScreenStream::planRepeat(Time now) {
   plan_.rectangles.clear();
   plan_.copies.clear();
   plan_.keyFrame = false;
+  plan_.keeping = 0;
   if (settings_.rateControl == RateControl::quality) {
-    plan_.rectangles.push_back(
-        rectangleOf({0, 0, cells_.codedWidth(), cells_.codedHeight()}, kSealingOffset));
-    control_.allSealed();
-  } else if (coarse_.isEmpty() || ++sharpenings_ > kMostSharpenings) {
-    plan_.rectangles.push_back(nothingChanged());
-  } else {
+    control_.planRepeat(plan_);
+  } else if (!coarse_.isEmpty() && ++sharpenings_ <= kMostSharpenings) {
     coarse_.list(plan_.rectangles);
   }
+  if (plan_.rectangles.empty()) plan_.rectangles.push_back(nothingChanged());
   prepare(sent_, now);
   frame_.isRepeat = true;
   return 1;
@@ -176,6 +175,7 @@ void ScreenStream::prepare(int32_t cell, Time now) {
   frame_.picture = sentNumber_;
   frame_.pictureTime = sentTime_;
   frame_.keyFrame = plan_.keyFrame;
+  frame_.keeping = plan_.keeping;
   frame_.rectangles.swap(plan_.rectangles);
   frame_.copies.swap(plan_.copies);
   ready_ = true;

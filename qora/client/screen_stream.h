@@ -26,6 +26,7 @@ struct PlannedFrame {
   std::chrono::microseconds pictureTime{};
   bool keyFrame = false;
   bool isRepeat = false;
+  int32_t keeping = 0;  // of the rectangles, see CodedFrame
   std::vector<service::Rectangle> rectangles;
   std::vector<service::RegionCopy> copies;
 };

@@ -306,7 +306,8 @@ int32_t RecordSession::writeFrame(Time time) {
   bytes_ += static_cast<int64_t>(recorded.accessUnit.size());
   encodeSeconds_ += frame_.encodeMilliseconds / 1000.0;
   macroblocks_ += changed_.columns() * changed_.rows();
-  changedCount_ += macroblocksIn(frame_.rectangles);
+  changedCount_ +=
+      macroblocksIn(std::span(frame_.rectangles).subspan(static_cast<size_t>(frame_.keeping)));
   movedCount_ += macroblocksIn(frame_.copies);
   return 1;
 }

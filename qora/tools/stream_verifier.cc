@@ -38,8 +38,8 @@ int32_t StreamVerifier::add(const client::CodedFrame& frame, const client::Pictu
 void StreamVerifier::noteQuantizers(const client::CodedFrame& frame) {
   const int32_t base = frame.quantizer == -1 ? kCoarsestQuantizer : frame.quantizer;
   if (frame.keyFrame) coarsest_ = 0;
-  for (const service::Rectangle& rectangle : frame.rectangles) {
-    if (rectangle.quantizerOffset == client::kSealingOffset) continue;
+  const std::span all(frame.rectangles);
+  for (const service::Rectangle& rectangle : all.subspan(static_cast<size_t>(frame.keeping))) {
     coarsest_ = std::clamp(base + rectangle.quantizerOffset, coarsest_, kCoarsestQuantizer);
   }
 }

@@ -63,11 +63,12 @@ struct Loop {
     damage.clear();
     offsets.clear();
     double size = 12;
+    int32_t keeping = plan.keeping;
     for (const service::Rectangle& rectangle : plan.rectangles) {
       Damage cells(damage.width(), damage.height());
       cells.add({rectangle.x, rectangle.y, rectangle.width, rectangle.height});
-      offsets.insert(rectangle.quantizerOffset);
-      if (rectangle.quantizerOffset < kSealingOffset) {
+      if (--keeping < 0) {
+        offsets.insert(rectangle.quantizerOffset);
         size += cells.count() * 55 * std::exp2((8 - rectangle.quantizerOffset) / 14.0) * cost;
       }
       cells.forEachCell([&](int32_t column, int32_t row) {
@@ -102,7 +103,7 @@ struct Loop {
   bool surpriseKey = false;
   uint32_t drawn = 0;
   int64_t bytes = 0;
-  std::set<int32_t> offsets;    // in the last frame
+  std::set<int32_t> offsets;    // in the last frame, of what it sharpens
   std::vector<int32_t> listed;  // by cell: what the service has stored
 };
 
@@ -115,16 +116,14 @@ TEST(QualityControlTest, SharpensInTwoStepsThenSealsThenIsSilent) {
   for (int32_t ticks = 0; ticks < 200; ++ticks) {
     if (!loop.tick() && loop.plan.step == QualityStep::silent) break;
     for (const int32_t offset : loop.offsets) {
-      if (offset != kSealingOffset && (goals.empty() || goals.back() != offset)) {
-        goals.push_back(offset);
-      }
+      if (goals.empty() || goals.back() != offset) goals.push_back(offset);
     }
     ASSERT_LE(loop.control.debt(loop.now), 100'000 * 60 / 1000);
   }
   // The first is that of the frame before, while the loop still waits for stillness.
   EXPECT_EQ(goals, (std::vector<int32_t>{first, 18, 8}));
   EXPECT_EQ(loop.coarsest(), 8);
-  EXPECT_EQ(std::count(loop.listed.begin(), loop.listed.end(), kSealingOffset), kCells);
+  EXPECT_EQ(std::count(loop.listed.begin(), loop.listed.end(), 8 + kSealedAbove), kCells);
   for (int32_t ticks = 0; ticks < 100; ++ticks) EXPECT_FALSE(loop.tick());
 }
 
@@ -163,7 +162,7 @@ TEST(QualityControlTest, HoldsEveryRateAndStarvesAtNone) {
       ++frames;
       sum += loop.bytes;
       EXPECT_FALSE(loop.plan.keyFrame);
-      EXPECT_EQ(loop.offsets.count(kSealingOffset), 0U) << "sealed beside changes";
+      EXPECT_EQ(loop.plan.keeping, 0) << "sealed beside changes";
     }
     EXPECT_GE(frames, 2);
     EXPECT_LE(sum, rate * 10 + rate / 5 + loop.bytes + queued);
@@ -218,7 +217,7 @@ TEST(QualityControlTest, ListsAreCapped) {
   for (int32_t cell = 0; cell < 256 * 135; ++cell) {
     if ((cell + cell / 256) % 2 == 0) loop.damage.set(cell % 256, cell / 256);
   }
-  std::fill(loop.listed.begin(), loop.listed.end(), kSealingOffset);
+  std::fill(loop.listed.begin(), loop.listed.end(), kSkippingOffset);
   const Damage changed = loop.damage;
   ASSERT_TRUE(loop.tick());
   EXPECT_LE(std::ssize(loop.plan.rectangles), kDamageRectangles);
@@ -241,8 +240,8 @@ TEST(QualityControlTest, CopiesAreListedFirstForSealing) {
     ASSERT_TRUE(loop.tick({{96, 64, 320, 176}}));
     loop.copies.clear();
     ASSERT_EQ(loop.plan.copies.size(), sharp ? 1U : 0U) << "what is coarse is coded";
-    EXPECT_EQ(loop.listed[4 * 40 + 6] == kSealingOffset, sharp);
-    EXPECT_NE(loop.listed[14 * 40 + 6], kSealingOffset) << "changed below the copy";
+    EXPECT_EQ(loop.listed[4 * 40 + 6] == kSkippingOffset, sharp);
+    EXPECT_NE(loop.listed[14 * 40 + 6], kSkippingOffset) << "changed below the copy";
     EXPECT_EQ(loop.plan.rectangles[0].height == 160, sharp);
     EXPECT_EQ(loop.control.offsetOf(6, 4), sharp ? 8 : loop.listed[4 * 40 + 6]);
   }

@@ -265,6 +265,29 @@ TEST_F(ScreenSessionTest, StreamsWithAndWithoutTheEncodersBitrateLiveTogether) {
   EXPECT_TRUE(removeStream(1) == 1 && readFrame(frame) == 0);  // nobody wants it any more
 }
 
+// Faint text stays in place beside a scroll, at the top of a slice too, where nothing above the
+// cell tells the encoder that it stands still.
+TEST_F(ScreenSessionTest, WhatIsSealedStandsStillBesideMotion) {
+  ASSERT_EQ(1, start(options()));
+  ASSERT_EQ(1, addStream({.width = 480, .height = 288, .threads = 2}));
+  for (int32_t shift = 0; shift < 170; shift += 17) {
+    const Picture picture = page(0, 0);
+    drawPage({{picture.plane[0] + 144 * picture.stride[0], picture.plane[1], picture.plane[2]},
+              {picture.stride[0], picture.stride[1], picture.stride[2]},
+              240,
+              96},
+             shift);
+    for (int32_t y = 0; y < 288; ++y) {
+      uint8_t* row = picture.plane[0] + y * picture.stride[0];
+      for (int32_t x = 240; x < 480; ++x) row[x] = x % 16 / 2 == 4 && y % 16 / 4 == 2 ? 100 : 220;
+    }
+    EXPECT_EQ(1, encode(0, picture, {{shift == 0 ? all(picture) : Area{0, 144, 240, 96}}}));
+    shift == 0 ? settle() : show();
+    EXPECT_GT(4, decoder.loss(picture)) << shift;
+    time += milliseconds(40);
+  }
+}
+
 // A scroll by copies is right for a viewer that makes them, and for all where they cannot be made.
 TEST_F(ScreenSessionTest, CopiesFollowWhatWasSent) {
   ASSERT_EQ(1, start(options()));
