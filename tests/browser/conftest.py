@@ -113,6 +113,7 @@ class Viewer:
 
     def __init__(self, connection):
         self.connection, self.frames, self.bytes, self.times = connection, 0, 0, [time.monotonic()]
+        self.boxes = set()
         threading.Thread(target=self.collect, daemon=True).start()
 
     def collect(self):
@@ -122,6 +123,7 @@ class Viewer:
                 if kind == websocket.ABNF.OPCODE_BINARY:
                     self.frames += 1
                     self.bytes += len(data)
+                    self.boxes.add(data[-8:])
                     self.times.append(time.monotonic())
                 if kind == websocket.ABNF.OPCODE_BINARY or data.startswith(b"line"):
                     self.connection.send(f"ack {self.frames}")

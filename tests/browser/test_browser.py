@@ -2,6 +2,7 @@
 """The page in a real browser: what its canvas shows is what the screen shows."""
 
 import os
+import random
 import shutil
 import signal
 import socket
@@ -44,7 +45,11 @@ def test_eight_colours_and_every_change_arrive(serve, screen, browser):
     eventually(colours_are_close)
     for step in range(5):  # of one field each: the others must stay right
         screen.fill(0x204060 + step * 0x101010, step * 100, 100, 60, 200)
-        shows(browser, screen)
+
+        def shows_beside_another():  # the whole is drawn only when nothing changes any more
+            screen.fill(random.randrange(1 << 24), 600, 440, 16, 16)
+            return psnr(browser.canvas(), screen.pixels()) > ALIKE
+        eventually(shows_beside_another)
 
 
 def test_it_follows_the_size_of_the_screen(serve, screen, browser):

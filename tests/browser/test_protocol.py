@@ -3,12 +3,13 @@
 
 import os
 import random
+import struct
 import time
 
 import pytest
 import websocket
 
-from conftest import eventually
+from conftest import Viewer, eventually
 
 def frames(viewer, count):
     """The next binary messages; each is acknowledged."""
@@ -31,6 +32,18 @@ def ends(viewer):
     except (websocket.WebSocketException, OSError):
         pass
     return True
+
+
+def test_a_frame_says_where_the_picture_is_another(serve, screen):
+    viewer = Viewer(serve().socket())
+
+    def comes(*box):
+        eventually(lambda: struct.pack("<4H", *box) in viewer.boxes)
+    comes(0, 0, 640, 480)
+    screen.fill(0x336699, 130, 130, 40, 20)
+    comes(112, 112, 80, 64)
+    screen.fill(0x996633, 630, 470, 10, 10)
+    comes(608, 448, 32, 32)
 
 
 @pytest.mark.parametrize("header", [

@@ -31,15 +31,41 @@ std::string_view textOf(std::span<const uint8_t> bytes) {
   return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
-SharedMessage frameMessage(const client::CodedFrame& frame, std::span<const uint8_t> unit,
+// Where the picture is another than before: what was coded and a macroblock around it, because the
+// decoder smooths its edges. The whole of a key frame; 0 0 0 0 for a frame that only seals.
+std::array<int32_t, 4> drawnBox(const client::CodedFrame& frame, const capture::ScreenSize& size) {
+  if (frame.keyFrame) return {0, 0, size.width, size.height};
+  int32_t left = size.width, top = size.height, right = 0, bottom = 0;
+  for (const service::Rectangle& coded : frame.rectangles) {
+    if (coded.quantizerOffset == client::kSealingOffset) continue;
+    left = std::min<int32_t>(left, coded.x);
+    top = std::min<int32_t>(top, coded.y);
+    right = std::max(right, coded.x + coded.width);
+    bottom = std::max(bottom, coded.y + coded.height);
+  }
+  if (right == 0) return {};
+  left = std::max(left - client::kMacroblockSize, 0);
+  top = std::max(top - client::kMacroblockSize, 0);
+  right = std::min(right + client::kMacroblockSize, size.width);
+  bottom = std::min(bottom + client::kMacroblockSize, size.height);
+  return {left, top, right - left, bottom - top};
+}
+
+// `body` is the access unit; the box is appended to it.
+SharedMessage frameMessage(const client::CodedFrame& frame, std::vector<uint8_t>& body,
                            const capture::ScreenSize& size) {
+  const size_t unitBytes = body.size();
+  for (const int32_t number : drawnBox(frame, size)) {
+    body.push_back(static_cast<uint8_t>(number));
+    body.push_back(static_cast<uint8_t>(number >> 8));
+  }
   client::FrameHead head;
   head.time = frame.pictureTime.count();
   head.width = static_cast<uint16_t>(size.width);
   head.height = static_cast<uint16_t>(size.height);
   head.keyFrame = frame.keyFrame;
-  const auto bytes = client::buildFrameHead(head, unit.size(), 0, client::checksum(unit));
-  return std::make_shared<const Message>(true, textOf(bytes), textOf(unit));
+  const auto bytes = client::buildFrameHead(head, unitBytes, 0, client::checksum(body));
+  return std::make_shared<const Message>(true, textOf(bytes), textOf(body));
 }
 
 int64_t bytesASecond(int64_t kilobits) {
@@ -257,7 +283,6 @@ void Broadcast::deliver(const client::CodedFrame& frame) {
                                         rewritten_) != 1) {
     rewritten_ = frame.bytes;
   }
-  const std::span<const uint8_t> unit = rewritten_;
   SharedMessage message;
   const auto shared = std::make_shared<Shared>();
   shared->line = frame.stream;
@@ -270,9 +295,7 @@ void Broadcast::deliver(const client::CodedFrame& frame) {
       tellLate(*viewer);
       continue;
     }
-    if (message == nullptr) {
-      message = frameMessage(frame, unit, size_);
-    }
+    if (message == nullptr) message = frameMessage(frame, rewritten_, size_);
     if (viewer->frames.empty()) viewer->heardAt = now;
     viewer->frames.push_back(shared);
     ++shared->waiting;

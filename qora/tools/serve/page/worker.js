@@ -6,6 +6,7 @@ import { codecOf, readFrame } from '/stream.js';
 const waitBetween = [500, 1000, 2000, 4000];  // ms between attempts to connect
 const longestQueue = 8;                       // frames in the decoder before it is told to skip
 const decoderPatience = 500;                  // ms that a decoder may take for a key frame
+const stillAfter = 250;                       // ms without a picture
 
 let address, token, canvas, context;
 let socket = null;
@@ -17,9 +18,10 @@ let configured = '';
 let needsKey = true;
 let asked = 0;       // frames given to the decoder since it was made
 let decoded = 0;     // frames of this connection that are done with, decoded or not
-let pending = [];    // for each frame in the decoder: whether it still counts
+let pending = [];    // the boxes of the frames in the decoder
 let patience = 0;
-let newest = null;
+let latest = null;   // the picture that was decoded last, while not all of it is on the canvas
+let stillness = 0;
 let drawn = 0;
 let bytes = 0;
 
@@ -36,27 +38,57 @@ function askForKey() {
   say('key');
 }
 
-// A picture is drawn as soon as it is decoded, only the newest, and closed whatever happens: a few
-// unclosed ones stall a decoder.
+// Only what is another than before, so that converting and composing it cost little. Not every
+// picture of every decoder can be cut.
+function drawPart(picture, [x, y, width, height]) {
+  if (width === 0) return;
+  let part = null;
+  try {
+    part = new VideoFrame(picture, {
+      visibleRect: { x, y, width, height }, displayWidth: width, displayHeight: height,
+    });
+    context.drawImage(part, x, y);
+  } catch {
+    context.drawImage(picture, 0, 0);
+  }
+  part?.close();
+}
+
+// What the encoder chose to code once more around the parts may wait until the screen stands still.
+function drawRest() {
+  clearTimeout(stillness);
+  if (latest) context.drawImage(latest, 0, 0);
+  forgetLatest();
+}
+
+function forgetLatest() {
+  clearTimeout(stillness);
+  latest?.close();
+  latest = null;
+}
+
+// A picture is drawn as soon as it is decoded and closed when the next one comes: a few unclosed
+// ones stall a decoder.
 function show(picture) {
   clearTimeout(patience);
-  const counts = pending.shift();
-  try {
-    if (canvas.width !== picture.displayWidth || canvas.height !== picture.displayHeight) {
-      canvas.width = picture.displayWidth;
-      canvas.height = picture.displayHeight;
-      tell('size', [canvas.width, canvas.height]);
-    }
-    context.drawImage(picture, 0, 0);
-    drawn += 1;
-  } finally {
-    picture.close();
+  const box = pending.shift();
+  forgetLatest();
+  latest = picture;
+  if (canvas.width !== picture.displayWidth || canvas.height !== picture.displayHeight) {
+    canvas.width = picture.displayWidth;
+    canvas.height = picture.displayHeight;
+    tell('size', [canvas.width, canvas.height]);
+    drawRest();
+  } else {
+    drawPart(picture, box);
+    stillness = setTimeout(drawRest, stillAfter);
   }
-  if (counts) done();
+  drawn += 1;
+  done();
 }
 
 function forgetPending() {
-  for (const counts of pending) if (counts) done();
+  for (const box of pending) done();
   pending = [];
 }
 
@@ -106,7 +138,7 @@ function decode(frame) {
     askForKey();
     return done();
   }
-  pending.push(true);
+  pending.push(frame.box);
   decoder.decode(new EncodedVideoChunk({
     type: frame.key ? 'key' : 'delta',
     timestamp: frame.time,
