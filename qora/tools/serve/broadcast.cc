@@ -32,12 +32,12 @@ std::string_view textOf(std::span<const uint8_t> bytes) {
 }
 
 // Where the picture is another than before: what was coded and a macroblock around it, because the
-// decoder smooths its edges. The whole of a key frame; 0 0 0 0 for a frame that only seals.
+// decoder smooths its edges. The whole of a key frame; 0 0 0 0 where nothing was coded.
 std::array<int32_t, 4> drawnBox(const client::CodedFrame& frame, const capture::ScreenSize& size) {
   if (frame.keyFrame) return {0, 0, size.width, size.height};
   int32_t left = size.width, top = size.height, right = 0, bottom = 0;
-  for (const service::Rectangle& coded : frame.rectangles) {
-    if (coded.quantizerOffset == client::kSealingOffset) continue;
+  const auto keeping = static_cast<size_t>(frame.keeping);
+  for (const service::Rectangle& coded : std::span(frame.rectangles).subspan(keeping)) {
     left = std::min<int32_t>(left, coded.x);
     top = std::min<int32_t>(top, coded.y);
     right = std::max(right, coded.x + coded.width);
