@@ -14,24 +14,37 @@ namespace {
 
 // Shares of a pixel's bytes in 1/2^15. Green is what is left of the sum, so that grey stays grey.
 constexpr int32_t kShift = 15;
-constexpr int16_t share(double value) {
+constexpr int32_t share(double value) {
   const double scaled = value * (1 << kShift);
-  return static_cast<int16_t>(scaled < 0 ? scaled - 0.5 : scaled + 0.5);
+  return static_cast<int32_t>(scaled < 0 ? scaled - 0.5 : scaled + 0.5);
 }
 constexpr double kRed = 0.2126, kBlue = 0.0722;  // of the luma, BT.709
-constexpr double kLumaRange = 219.0 / 255, kChromaRange = 224.0 / 255;
 
 struct Weights {
   int16_t blue, green, red;
 };
 constexpr Weights weights(double blue, double red, double sum) {
-  return {share(blue), static_cast<int16_t>(share(sum) - share(blue) - share(red)), share(red)};
+  return {static_cast<int16_t>(share(blue)),
+          static_cast<int16_t>(share(sum) - share(blue) - share(red)),
+          static_cast<int16_t>(share(red))};
 }
-constexpr Weights kLuma = weights(kBlue * kLumaRange, kRed* kLumaRange, kLumaRange);
-constexpr Weights kU = weights(kChromaRange / 2, -kChromaRange / 2 * kRed / (1 - kBlue), 0);
-constexpr Weights kV = weights(-kChromaRange / 2 * kBlue / (1 - kRed), kChromaRange / 2, 0);
+struct Scheme {
+  Weights luma, u, v;
+  int32_t lumaBase;
+};
+constexpr Scheme scheme(double luma, double chroma, int32_t black) {
+  return {weights(kBlue * luma, kRed * luma, luma),
+          weights(chroma / 2, -chroma / 2 * kRed / (1 - kBlue), 0),
+          weights(-chroma / 2 * kBlue / (1 - kRed), chroma / 2, 0),
+          (black << kShift) + (1 << (kShift - 1))};
+}
+constexpr Scheme kLimited = scheme(219.0 / 255, 224.0 / 255, 16);
+constexpr Scheme kFull = scheme(1, 1, 0);
 
-constexpr int32_t kLumaBase = (16 << kShift) + (1 << (kShift - 1));
+constexpr const Scheme& schemeOf(SampleRange range) {
+  return range == SampleRange::full ? kFull : kLimited;
+}
+
 // Of the sum of four pixels.
 constexpr int32_t kChromaShift = kShift + 2;
 constexpr int32_t kChromaBase = (128 << kChromaShift) + (1 << (kChromaShift - 1));
@@ -50,24 +63,27 @@ constexpr int32_t weigh(const Weights& by, int32_t blue, int32_t green, int32_t 
 }
 
 // 8 pixels -> 8 sums, in the order 0 1 2 3 | 4 5 6 7.
-[[gnu::target("avx2")]] __m256i lumaSums(const uint8_t* pixels, __m256i by) {
+[[gnu::target("avx2")]] __m256i lumaSums(const uint8_t* pixels, __m256i by, __m256i base) {
   const __m256i zero = _mm256_setzero_si256();
   const __m256i eight = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(pixels));
   const __m256i low = _mm256_madd_epi16(_mm256_unpacklo_epi8(eight, zero), by);
   const __m256i high = _mm256_madd_epi16(_mm256_unpackhi_epi8(eight, zero), by);
   const __m256i sums = _mm256_hadd_epi32(low, high);
-  return _mm256_srai_epi32(_mm256_add_epi32(sums, _mm256_set1_epi32(kLumaBase)), kShift);
+  return _mm256_srai_epi32(_mm256_add_epi32(sums, base), kShift);
 }
 
 [[gnu::target("avx2")]] int32_t convertLumaWide(const uint8_t* pixels, int32_t width,
-                                                uint8_t* luma) {
-  const __m256i by = weightsOf(kLuma);
+                                                const Scheme& scheme, uint8_t* luma) {
+  const __m256i by = weightsOf(scheme.luma);
+  const __m256i base = _mm256_set1_epi32(scheme.lumaBase);
   const __m256i order = _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7);
   int32_t x = 0;
   for (; x + 32 <= width; x += 32) {
     const uint8_t* from = pixels + ptrdiff_t{4} * x;
-    const __m256i first = _mm256_packs_epi32(lumaSums(from, by), lumaSums(from + 32, by));
-    const __m256i second = _mm256_packs_epi32(lumaSums(from + 64, by), lumaSums(from + 96, by));
+    const __m256i first =
+        _mm256_packs_epi32(lumaSums(from, by, base), lumaSums(from + 32, by, base));
+    const __m256i second =
+        _mm256_packs_epi32(lumaSums(from + 64, by, base), lumaSums(from + 96, by, base));
     const __m256i mixed = _mm256_packus_epi16(first, second);
     _mm256_storeu_si256(reinterpret_cast<__m256i*>(luma + x),
                         _mm256_permutevar8x32_epi32(mixed, order));
@@ -107,9 +123,10 @@ constexpr int32_t weigh(const Weights& by, int32_t blue, int32_t green, int32_t 
 }
 
 [[gnu::target("avx2")]] int32_t convertChromaWide(const uint8_t* pixels, const uint8_t* below,
-                                                  int32_t width, uint8_t* u, uint8_t* v) {
-  const __m256i byU = weightsOf(kU);
-  const __m256i byV = weightsOf(kV);
+                                                  int32_t width, const Scheme& scheme, uint8_t* u,
+                                                  uint8_t* v) {
+  const __m256i byU = weightsOf(scheme.u);
+  const __m256i byV = weightsOf(scheme.v);
   int32_t x = 0;
   for (; x + 32 <= width; x += 32) {
     __m256i fours[4];
@@ -143,16 +160,21 @@ Area evenArea(const Area& area, int32_t width, int32_t height) {
           static_cast<int32_t>(bottom - top)};
 }
 
-void convertLumaRowPlain(const uint8_t* pixels, int32_t width, uint8_t* luma) {
+void convertLumaRowPlain(const uint8_t* pixels, int32_t width, SampleRange range, uint8_t* luma) {
+  const Scheme& by = schemeOf(range);
   for (int32_t x = 0; x < width; ++x) {
     const uint8_t* pixel = pixels + ptrdiff_t{4} * x;
-    luma[x] =
-        static_cast<uint8_t>((weigh(kLuma, pixel[0], pixel[1], pixel[2]) + kLumaBase) >> kShift);
+    luma[x] = static_cast<uint8_t>((weigh(by.luma, pixel[0], pixel[1], pixel[2]) + by.lumaBase) >>
+                                   kShift);
   }
 }
 
-void convertChromaRowPlain(const uint8_t* pixels, const uint8_t* below, int32_t width, uint8_t* u,
-                           uint8_t* v) {
+void convertChromaRowPlain(const uint8_t* pixels, const uint8_t* below, int32_t width,
+                           SampleRange range, uint8_t* u, uint8_t* v) {
+  const auto sample = [](const Weights& by, const int32_t sum[3]) {
+    const int32_t value = (weigh(by, sum[0], sum[1], sum[2]) + kChromaBase) >> kChromaShift;
+    return static_cast<uint8_t>(std::min(value, 255));  // full range: pure blue and red are 255.5
+  };
   for (int32_t x = 0; x < width; x += 2) {
     const ptrdiff_t left = ptrdiff_t{4} * x;
     const ptrdiff_t right = x + 1 < width ? left + 4 : left;
@@ -160,32 +182,31 @@ void convertChromaRowPlain(const uint8_t* pixels, const uint8_t* below, int32_t 
     for (int32_t i = 0; i < 3; ++i) {
       sum[i] = pixels[left + i] + pixels[right + i] + below[left + i] + below[right + i];
     }
-    u[x / 2] =
-        static_cast<uint8_t>((weigh(kU, sum[0], sum[1], sum[2]) + kChromaBase) >> kChromaShift);
-    v[x / 2] =
-        static_cast<uint8_t>((weigh(kV, sum[0], sum[1], sum[2]) + kChromaBase) >> kChromaShift);
+    u[x / 2] = sample(schemeOf(range).u, sum);
+    v[x / 2] = sample(schemeOf(range).v, sum);
   }
 }
 
-void convertLumaRow(const uint8_t* pixels, int32_t width, uint8_t* luma) {
+void convertLumaRow(const uint8_t* pixels, int32_t width, SampleRange range, uint8_t* luma) {
   int32_t done = 0;
 #if defined(__x86_64__)
-  if (hasAvx2()) done = convertLumaWide(pixels, width, luma);
+  if (hasAvx2()) done = convertLumaWide(pixels, width, schemeOf(range), luma);
 #endif
-  convertLumaRowPlain(pixels + ptrdiff_t{4} * done, width - done, luma + done);
+  convertLumaRowPlain(pixels + ptrdiff_t{4} * done, width - done, range, luma + done);
 }
 
-void convertChromaRow(const uint8_t* pixels, const uint8_t* below, int32_t width, uint8_t* u,
-                      uint8_t* v) {
+void convertChromaRow(const uint8_t* pixels, const uint8_t* below, int32_t width, SampleRange range,
+                      uint8_t* u, uint8_t* v) {
   int32_t done = 0;
 #if defined(__x86_64__)
-  if (hasAvx2()) done = convertChromaWide(pixels, below, width, u, v);
+  if (hasAvx2()) done = convertChromaWide(pixels, below, width, schemeOf(range), u, v);
 #endif
   const ptrdiff_t at = ptrdiff_t{4} * done;
-  convertChromaRowPlain(pixels + at, below + at, width - done, u + done / 2, v + done / 2);
+  convertChromaRowPlain(pixels + at, below + at, width - done, range, u + done / 2, v + done / 2);
 }
 
-void convertPiece(const BgrxPixels& piece, int32_t x, int32_t y, const Picture& picture) {
+void convertPiece(const BgrxPixels& piece, int32_t x, int32_t y, const Picture& picture,
+                  SampleRange range) {
   assert(x % 2 == 0 && y % 2 == 0);
   assert(piece.width % 2 == 0 || x + piece.width == picture.width);
   assert(piece.height % 2 == 0 || y + piece.height == picture.height);
@@ -195,9 +216,9 @@ void convertPiece(const BgrxPixels& piece, int32_t x, int32_t y, const Picture& 
   for (int32_t row = 0; row < piece.height; row += 2) {
     const uint8_t* upper = piece.pixels + ptrdiff_t{row} * piece.stride;
     const uint8_t* lower = row + 1 < piece.height ? upper + piece.stride : upper;
-    convertLumaRow(upper, piece.width, sample(0, x, y + row));
-    if (lower != upper) convertLumaRow(lower, piece.width, sample(0, x, y + row + 1));
-    convertChromaRow(upper, lower, piece.width, sample(1, x / 2, (y + row) / 2),
+    convertLumaRow(upper, piece.width, range, sample(0, x, y + row));
+    if (lower != upper) convertLumaRow(lower, piece.width, range, sample(0, x, y + row + 1));
+    convertChromaRow(upper, lower, piece.width, range, sample(1, x / 2, (y + row) / 2),
                      sample(2, x / 2, (y + row) / 2));
   }
 }

@@ -162,7 +162,7 @@ def test_firefox_shows_the_eight_colours(serve, screen, tmp_path):
         def fields_are_there():
             shown = desk.pixels().astype(int)
             wanted = [[colour >> 16, colour >> 8 & 255, colour & 255] for colour in FIELDS]
-            return all((abs(shown - one).max(axis=2) < 16).sum() > 100 * 200 for one in wanted)
+            return all((abs(shown - one).max(axis=2) <= 3).sum() > 100 * 200 for one in wanted)
         eventually(fields_are_there, patience=90)
         firefox.kill()
         firefox.wait()

@@ -40,29 +40,41 @@ struct Planes {
 };
 
 TEST(ConvertTest, KnownColours) {
-  const uint8_t cases[][6] = {{255, 255, 255, 235, 128, 128}, {0, 0, 255, 63, 102, 240},
-                              {0, 255, 0, 173, 42, 26},       {255, 0, 0, 32, 240, 118},
-                              {0, 0, 0, 16, 128, 128},        {127, 127, 127, 125, 128, 128}};
-  for (const auto& [blue, green, red, y, u, v] : cases) {
+  const uint8_t cases[][9] = {
+      {255, 255, 255, 235, 128, 128, 255, 128, 128}, {0, 0, 255, 63, 102, 240, 54, 99, 255},
+      {0, 255, 0, 173, 42, 26, 182, 30, 12},         {255, 0, 0, 32, 240, 118, 18, 255, 116},
+      {0, 0, 0, 16, 128, 128, 0, 128, 128},          {127, 127, 127, 125, 128, 128, 127, 128, 128}};
+  for (const auto& [blue, green, red, y, u, v, fullY, fullU, fullV] : cases) {
     const uint8_t pixel[4] = {blue, green, red, 77};
-    Planes one(1, 1);
+    Planes one(1, 1), full(1, 1);
     convertPiece({pixel, 4, 1, 1}, 0, 0, one.view);
+    convertPiece({pixel, 4, 1, 1}, 0, 0, full.view, SampleRange::full);
     EXPECT_EQ((Bytes{y, u, v}), (Bytes{one.samples[0], one.samples[1], one.samples[2]}));
+    EXPECT_EQ((Bytes{fullY, fullU, fullV}),
+              (Bytes{full.samples[0], full.samples[1], full.samples[2]}));
   }
 }
 
-TEST(ConvertTest, WideRowsEqualThePlainOnes) {
-  const Bytes pixels = noise(2000);
+class ConvertRowsTest : public testing::TestWithParam<SampleRange> {};
+
+INSTANTIATE_TEST_SUITE_P(, ConvertRowsTest,
+                         testing::Values(SampleRange::limited, SampleRange::full));
+
+TEST_P(ConvertRowsTest, WideRowsEqualThePlainOnes) {
+  Bytes pixels = noise(2000);
+  for (size_t i = 300; i < 600; ++i) pixels[i] = pixels[i + 1000] = i % 4 == 0 ? 255 : 0;  // blue
   for (int32_t width = 0; width <= 100; ++width) {
     for (size_t start = 0; start < 33; ++start) {
       const uint8_t* upper = pixels.data() + start;
       const uint8_t* lower = upper + 1000;
       Bytes wide[3], plain[3];
       for (int32_t i = 0; i < 3; ++i) wide[i] = plain[i] = Bytes(160, 9);  // 9 stays after the end
-      convertLumaRow(upper, width, wide[0].data() + start);
-      convertLumaRowPlain(upper, width, plain[0].data() + start);
-      convertChromaRow(upper, lower, width, wide[1].data() + start, wide[2].data() + start);
-      convertChromaRowPlain(upper, lower, width, plain[1].data() + start, plain[2].data() + start);
+      convertLumaRow(upper, width, GetParam(), wide[0].data() + start);
+      convertLumaRowPlain(upper, width, GetParam(), plain[0].data() + start);
+      convertChromaRow(upper, lower, width, GetParam(), wide[1].data() + start,
+                       wide[2].data() + start);
+      convertChromaRowPlain(upper, lower, width, GetParam(), plain[1].data() + start,
+                            plain[2].data() + start);
       for (int32_t i = 0; i < 3; ++i) ASSERT_EQ(plain[i], wide[i]) << width << " at " << start;
     }
   }

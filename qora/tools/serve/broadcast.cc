@@ -242,7 +242,7 @@ void Broadcast::encodeLines(std::span<const int32_t> lines) {
     }
     for (const capture::Piece& piece : pieces_) {
       client::convertPiece({piece.pixels, piece.stride, piece.area.width, piece.area.height},
-                           piece.area.x, piece.area.y, pictures[index]);
+                           piece.area.x, piece.area.y, pictures[index], client::SampleRange::full);
     }
     // Drawn on need not mean changed.
     client::Damage changed = wanted;
@@ -279,8 +279,8 @@ void Broadcast::restartService(int64_t now) {
 
 void Broadcast::deliver(const client::CodedFrame& frame) {
   // Browsers guess the colours of a stream that does not say.
-  if (client::rewriteSequenceParameters(frame.bytes, client::NalFraming::startCodes, {},
-                                        rewritten_) != 1) {
+  if (client::rewriteSequenceParameters(frame.bytes, client::NalFraming::startCodes,
+                                        {.fullRange = true}, rewritten_) != 1) {
     rewritten_ = frame.bytes;
   }
   SharedMessage message;

@@ -120,7 +120,7 @@ function configure(codec) {
     codec,
     optimizeForLatency: true,
     hardwareAcceleration: hardware,
-    colorSpace: { primaries: 'bt709', transfer: 'bt709', matrix: 'bt709', fullRange: false },
+    colorSpace: { primaries: 'bt709', transfer: 'bt709', matrix: 'bt709', fullRange: true },
   });
   configured = codec;
 }
