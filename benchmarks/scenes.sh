@@ -9,11 +9,12 @@ show_sources() {
   cat qora/service/channel.cc qora/service/frame.cc
   sleep infinity
 }
-scroll_sources() {
+scroll_sources() { # LINES: so many at once
+  local lines
   while true; do
     pr --merge --omit-header --page-width=230 <(cat qora/service/*.cc) <(cat qora/client/*.cc) |
-      while IFS= read -r line; do
-        printf '%s\n' "$line"
+      while mapfile -t -n "$1" lines && [[ ${#lines[@]} -gt 0 ]]; do
+        printf '%s\n' "${lines[@]}"
         sleep 0.04
       done
   done
@@ -34,10 +35,18 @@ act_typing() {
 
 windows_of_scrolling() {
   start_window Reader "${terminal[@]}" -class Reader -geometry 236x64+0+0 \
-    -e bash -c scroll_sources
+    -e bash -c "scroll_sources ${1:-1}"
   sleep 3 # until the window is full and every line scrolls
 }
 act_scrolling() {
+  sleep infinity
+}
+
+# What a build prints.
+windows_of_flooding() {
+  windows_of_scrolling 3
+}
+act_flooding() {
   sleep infinity
 }
 
