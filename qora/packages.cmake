@@ -5,7 +5,6 @@ set(CPACK_PACKAGE_NAME qora-codec)
 set(CPACK_PACKAGE_VENDOR "the qora-codec authors")
 set(QORA_MAINTAINER "qora-codec authors <authors@example.org>" CACHE STRING "who makes the packages")
 set(CPACK_PACKAGE_CONTACT ${QORA_MAINTAINER})
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "out-of-process H.264 encoder for screens")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_COMPONENTS_ALL service bridge session client tools doc)
@@ -43,13 +42,13 @@ file(STRINGS ${X264_INCLUDE_DIR}/x264.h x264_build REGEX "^#define X264_BUILD ")
 string(REGEX REPLACE ".*X264_BUILD +" "" x264_build "${x264_build}")
 qora_package(service qora-codec video "qora-codec-bridge ${same}"
   "codec service that encodes pictures of a screen"
-  " A headless helper process that encodes raw pictures to H.264 for the program\n that starts it: commands by standard input, pictures in shared memory.")
+  "A headless helper process that encodes raw pictures to H.264 for the program\nthat starts it: commands by standard input, pictures in shared memory.")
 qora_package(bridge qora-codec-bridge video "libx264-${x264_build}"
   "encoder library for qora-codec over the installed libx264"
-  " Offers qora-codec the interface that it knows and drives the libx264 that the\n distribution ships.")
+  "Offers qora-codec the interface that it knows and drives the libx264 that the\ndistribution ships.")
 qora_package(session libqora-session0 libs "qora-codec ${same}, libc6 (>= 2.36), libgcc-s1, libstdc++6 (>= 12)"
   "parent's session with qora-codec as a C library"
-  " For programs in C and every language that calls C: starts the codec service,\n owns the pictures, holds a bitrate and gives H.264.")
+  "For programs in C and every language that calls C: starts the codec service,\nowns the pictures, holds a bitrate and gives H.264.")
 # By hand: where cpack finds dependencies itself, it runs ldconfig from scripts that nobody needs.
 set(CPACK_DEBIAN_SESSION_PACKAGE_SHLIBDEPS OFF)
 file(WRITE ${PROJECT_BINARY_DIR}/debian/triggers "activate-noawait ldconfig\n")
@@ -58,13 +57,13 @@ set(CPACK_DEBIAN_SESSION_PACKAGE_CONTROL_EXTRA
   ${PROJECT_BINARY_DIR}/debian/triggers ${PROJECT_BINARY_DIR}/debian/shlibs)
 qora_package(client libqora-client-dev libdevel "qora-codec ${same}, libqora-session0 ${same}"
   "parent's side of qora-codec"
-  " Starts the codec service, speaks to it, keeps pictures, damage,\n quality and bandwidth in order. Static libraries, the C library\n libqora-session, headers, CMake and pkg-config files.")
+  "Starts the codec service, speaks to it, keeps pictures, damage,\nquality and bandwidth in order. Static libraries, the C library\nlibqora-session, headers, CMake and pkg-config files.")
 qora_package(tools qora-tools video "qora-codec ${same}"
   "programs that encode and show screens with qora-codec"
-  " Command-line programs over the codec service.")
+  "Command-line programs over the codec service.")
 qora_package(doc qora-codec-doc doc ""
   "documents of qora-codec"
-  " The protocol, how a parent is written, what is measured and promised.")
+  "The protocol, how a parent is written, what is measured and promised.")
 set(CPACK_DEBIAN_CLIENT_PACKAGE_SHLIBDEPS OFF)
 set(CPACK_DEBIAN_DOC_PACKAGE_ARCHITECTURE all)
 set(CPACK_DEBIAN_DOC_PACKAGE_SHLIBDEPS OFF)

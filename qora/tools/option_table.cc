@@ -169,11 +169,11 @@ std::string OptionTable::completion(const std::string& shell) const {
       cases += std::string("    --") + row.text.name + ") COMPREPLY=($(compgen -W \"" +
                joined(row.words, " ") + "\" -- \"$word\")); return ;;\n";
     }
-    return "_" + program_ + "() {\n  local word=${COMP_WORDS[COMP_CWORD]}\n" +
+    // Without an answer the shell completes a file's name, spaces and all.
+    return "_" + program_ + "() {\n  local word=${COMP_WORDS[COMP_CWORD]}\n  COMPREPLY=()\n" +
            "  case ${COMP_WORDS[COMP_CWORD - 1]} in\n" + cases + "  esac\n" +
-           "  if [[ $word == -* ]]; then\n    COMPREPLY=($(compgen -W \"" + names +
-           "\" -- \"$word\"))\n  else\n    COMPREPLY=($(compgen -f -- \"$word\"))\n  fi\n}\n" +
-           "complete -o filenames -F _" + program_ + " " + program_ + "\n";
+           "  [[ $word != -* ]] || COMPREPLY=($(compgen -W \"" + names + "\" -- \"$word\"))\n}\n" +
+           "complete -o default -F _" + program_ + " " + program_ + "\n";
   }
   if (shell != "zsh") return "";
   std::string script = "#compdef " + program_ + "\n_arguments -s \\\n";

@@ -1,12 +1,28 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: BSD-2-Clause
 # Usage: tests/examples/installed.sh BUILD_FOLDER
-# A project outside finds what is installed, by CMake and by pkg-config, and its parents work there.
+# A project outside finds what is installed, by CMake and by pkg-config, and its parents work there; shells
+# find the completions.
 set -euo pipefail
 build=$(realpath "$1")
 folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
 cmake --install "$build" --prefix "$folder/prefix" >/dev/null
+
+# What the shell loads when somebody completes: an option of each program, and a file where one belongs.
+for program in "$folder/prefix/bin"/*; do
+  name=${program##*/}
+  (
+    source "$folder/prefix/share/bash-completion/completions/$name"
+    COMP_WORDS=("$name" --comp) COMP_CWORD=1
+    "_$name"
+    [[ ${COMPREPLY[*]} == --completion && $(complete -p "$name") == *" -o default "* ]]
+    COMP_WORDS=("$name" --completion b) COMP_CWORD=2
+    "_$name"
+    [[ ${COMPREPLY[*]} == bash ]]
+  )
+  [[ $(head -qn1 "$folder"/prefix/share/zsh/*/"_$name") == "#compdef $name" ]]
+done
 
 cat >"$folder/parent.cc" <<'CODE'
 #include <qora/client/codec_client.h>
