@@ -51,7 +51,7 @@ $(cat "$work/limits.txt")
 END
 }
 
-scripts/build.sh release
+scripts/build.sh release tests live benchmarks
 mkdir -p "$work" docs/images
 benchmarks/record_clips.sh "$work/clips"
 

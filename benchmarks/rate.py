@@ -17,7 +17,7 @@ TICK, SECOND = 40, 25  # milliseconds, ticks
 
 
 def run_all():
-    subprocess.run(["scripts/build.sh", "release"], check=True)
+    subprocess.run(["scripts/build.sh", "release", "tests", "live", "benchmarks"], check=True)
     os.makedirs(WORK, exist_ok=True)
     subprocess.run(["benchmarks/record_clips.sh", f"{WORK}/clips"], check=True)
     with open(f"{WORK}/rate.csv", "w") as output:
