@@ -46,7 +46,8 @@ add_executable(box box.c)
 target_link_libraries(box qora::session)
 file(WRITE ${CMAKE_BINARY_DIR}/places "${QORA_SERVICE}\n${QORA_CODEC_ROOT}\n")
 CODE
-cmake -S "$folder" -B "$folder/build" -DCMAKE_PREFIX_PATH="$folder/prefix" >/dev/null
+generator=$(sed -n 's/^CMAKE_GENERATOR:INTERNAL=//p' "$build/CMakeCache.txt")
+cmake -G "$generator" -S "$folder" -B "$folder/build" -DCMAKE_PREFIX_PATH="$folder/prefix" >/dev/null
 cmake --build "$folder/build" >/dev/null
 mapfile -t places <"$folder/build/places"
 "$folder/build/parent" "${places[@]}"
