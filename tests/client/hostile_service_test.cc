@@ -7,8 +7,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <fstream>
+#include <thread>
 
 #include "tests/client/peer.h"
 
@@ -214,6 +216,11 @@ void meet(CodecClient& client, Encode encode, const Hostile& row) {
   Reply taken;
   ASSERT_EQ(1, startPeer(client, row.phrase, {.keepLog = true}));
   static_cast<void>(client.attachSegment(1));
+  if (!row.script.unasked.empty()) {  // lies there, and is looked for with the next command
+    pollfd wake = {client.replyDescriptor(), POLLIN, 0};
+    EXPECT_EQ(1, poll(&wake, 1, 20000));
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
   const int patience = row.outcome == kTimedOut ? 60 : 20000;
   int32_t result = 1;
   for (int left = row.outcome == kAllGood ? 3 : 1000; result == 1 && left > 0; --left) {
