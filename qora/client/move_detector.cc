@@ -440,6 +440,13 @@ void MoveDetector::addCandidate(const MoveWay& way, const service::Rectangle& re
                           .height = static_cast<uint16_t>(to.height)}});
 }
 
+// Tries the distances one after another. Whether anything moved.
+bool MoveDetector::matchAll(const MoveSearch& search, Damage& remaining) {
+  ways_.clear();
+  for (const MoveDistance& distance : distances_) match(search, distance, remaining);
+  return !ways_.empty();
+}
+
 int32_t MoveDetector::find(const Picture& before, const Picture& after, const Damage& changed,
                            const Damage* unfit, Moves& moves, int32_t tolerance) {
   assert(before.width == after.width && before.height == after.height);
@@ -448,12 +455,14 @@ int32_t MoveDetector::find(const Picture& before, const Picture& after, const Da
   moves.covered.resize(after.width, after.height);
   moves.remaining = changed;
   if (changed.count() < kFewestMoved) return 0;
-  collectAnchors(before, changed);
-  collectVotes(after, changed);
-  chooseDistances();
-  ways_.clear();
-  for (const MoveDistance& distance : distances_) {
-    match({before, after, unfit, tolerance}, distance, moves.remaining);
+  const MoveSearch search = {before, after, unfit, tolerance};
+  // What moves on mostly goes the way that it went.
+  if (!matchAll(search, moves.remaining) || moves.remaining.count() > changed.count() / 8) {
+    collectAnchors(before, changed);
+    collectVotes(after, changed);
+    chooseDistances();
+    moves.remaining = changed;
+    if (!matchAll(search, moves.remaining)) distances_.clear();
   }
   listCopies(moves);
   moves.remaining = changed;
@@ -469,10 +478,10 @@ int32_t adoptMoves(const Picture& before, const Picture& picture, const Moves& m
         copy.sourceX - copy.destinationX, copy.sourceY - copy.destinationY, copy.flags, {}, {}};
     Damage cells(picture.width, picture.height);
     cells.add({copy.destinationX, copy.destinationY, copy.width, copy.height});
+    cells.subtract(equalCells({before, picture, nullptr, 0}, way, cells, {1, 2}));
+    if (!cells.isEmpty()) copyRegions(before, picture, {&copy, 1}, 1);
     unequal.add(cells);
-    unequal.subtract(equalCells({before, picture, nullptr, 0}, way, cells, {1, 2}));
   }
-  copyRegions(before, picture, moves.copies);
   owed.add(unequal);
   return unequal.count();
 }

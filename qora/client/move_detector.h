@@ -70,8 +70,8 @@ class MoveDetector {
   //   unfit          macroblocks of `before` that no copy may read: too coarsely coded to be kept.
   //                  Null: all are fit.
   //   tolerance      how far a chroma sample may be off; kUnseenTolerance is a good choice. With
-  //   more than 0, adoptMoves() has to
-  //                  follow: the copies are exact for the picture that it makes of `after`.
+  //                  more than 0, adoptMoves() has to follow: the copies are exact for the picture
+  //                  that it makes of `after`.
   // Returns the number of changed macroblocks that are covered. About a millisecond when all of
   // 1920x1080 moved, nothing when little changed.
   int32_t find(const Picture& before, const Picture& after, const Damage& changed,
@@ -93,6 +93,7 @@ class MoveDetector {
   void collectVotes(const Picture& after, const Damage& changed);
   void vote(int32_t dx, int32_t dy);
   void chooseDistances();
+  bool matchAll(const MoveSearch& search, Damage& remaining);
   void match(const MoveSearch& search, const MoveDistance& distance, Damage& remaining);
   void fill(const MoveSearch& search, MoveWay& way);
   void addCandidate(const MoveWay& way, const service::Rectangle& rectangle);
@@ -100,7 +101,8 @@ class MoveDetector {
 
   std::vector<Anchor> anchors_;
   std::vector<int32_t> chains_;          // first anchor by the key's low bits, -1 none
-  std::vector<MoveDistance> distances_;  // a hash table while votes are counted, then the best ones
+  std::vector<MoveDistance> distances_;  // a hash table while votes are counted, then the best
+                                         // ones, which are tried first the next time
   std::vector<MoveWay> ways_;
   std::vector<service::Rectangle> rectangles_;
   std::vector<service::Rectangle> filledRectangles_;

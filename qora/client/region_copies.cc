@@ -47,7 +47,7 @@ bool fits(const service::RegionCopy& copy, int32_t width, int32_t height) {
 }
 
 int32_t copyRegions(const Picture& before, const Picture& picture,
-                    std::span<const service::RegionCopy> copies) {
+                    std::span<const service::RegionCopy> copies, int32_t firstPlane) {
   const auto fitting = [&picture](const service::RegionCopy& copy) {
     return fits(copy, picture.width, picture.height);
   };
@@ -57,7 +57,7 @@ int32_t copyRegions(const Picture& before, const Picture& picture,
     return -1;
   }
   for (const service::RegionCopy& copy : copies) {
-    for (int32_t plane = 0; plane < 3; ++plane) {
+    for (int32_t plane = firstPlane; plane < 3; ++plane) {
       copyBlock(before, picture, plane, blockOf(copy, plane));
     }
   }

@@ -21,8 +21,8 @@ bool fits(const service::RegionCopy& copy, int32_t width, int32_t height);
 
 // Copies from `before` to `picture`, two pictures of one size in memory of their own, `before` with
 // its own copies made. 1, or -1 with EINVAL when one does not fit or the sizes differ; nothing is
-// copied then. The copies may come from anywhere.
+// copied then. The copies may come from anywhere. Planes before `firstPlane` are left alone.
 int32_t copyRegions(const Picture& before, const Picture& picture,
-                    std::span<const service::RegionCopy> copies);
+                    std::span<const service::RegionCopy> copies, int32_t firstPlane = 0);
 
 }  // namespace qora::client
