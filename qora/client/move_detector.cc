@@ -456,13 +456,14 @@ int32_t MoveDetector::find(const Picture& before, const Picture& after, const Da
   moves.remaining = changed;
   if (changed.count() < kFewestMoved) return 0;
   const MoveSearch search = {before, after, unfit, tolerance};
-  // What moves on mostly goes the way that it went.
-  if (!matchAll(search, moves.remaining) || moves.remaining.count() > changed.count() / 8) {
+  // What moves on mostly goes the way that it went, and leaves as much as it left.
+  if (!matchAll(search, moves.remaining) || moves.remaining.count() > 2 * unexplained_) {
     collectAnchors(before, changed);
     collectVotes(after, changed);
     chooseDistances();
     moves.remaining = changed;
     if (!matchAll(search, moves.remaining)) distances_.clear();
+    unexplained_ = moves.remaining.count();
   }
   listCopies(moves);
   moves.remaining = changed;

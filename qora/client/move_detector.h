@@ -100,6 +100,7 @@ class MoveDetector {
   void listCopies(Moves& moves);
 
   std::vector<Anchor> anchors_;
+  int32_t unexplained_ = 0;              // changed macroblocks, by the last search for distances
   std::vector<int32_t> chains_;          // first anchor by the key's low bits, -1 none
   std::vector<MoveDistance> distances_;  // a hash table while votes are counted, then the best
                                          // ones, which are tried first the next time
