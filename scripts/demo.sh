@@ -242,6 +242,7 @@ case $mode in
   encode) demo_encode ;;
 esac
 [[ $mode == serve ]] && exit
+trap '' HUP INT TERM # all results or none
 mkdir -p demo
 mv -f "$results"/* demo/
 echo

@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: BSD-2-Clause
 # scripts/lib/desktop.sh -- A virtual X screen with programs on it, for scripts that film it.
-# Source it. It makes the temporary folder $work, and at the end, also after Ctrl-C, ends every job
-# and deletes the folder.
+# Source it. It makes the temporary folder $work, and at the end, also after Ctrl-C or when the
+# terminal closes, ends every job and deletes the folder.
 
 work=$(mktemp -d)
 
@@ -17,11 +17,13 @@ end_jobs() {
 }
 
 finish() {
-  trap - EXIT INT TERM
+  trap - EXIT
+  trap '' HUP INT TERM # once is enough
   end_jobs
   rm -rf "$work"
 }
 trap finish EXIT
+trap 'exit 129' HUP
 trap 'exit 130' INT
 trap 'exit 143' TERM
 
@@ -51,8 +53,10 @@ start_screen() {
   # The server chooses a free display itself and tells its number once it is ready.
   rm -f "$work/display"
   mkfifo "$work/display"
-  start Xvfb -displayfd 3 -screen 0 "$1x$2x24" -nolisten tcp -noreset 3<>"$work/display"
-  read -r -t 20 number <"$work/display" || fail "no X server came up" "$work/Xvfb.log"
+  # It ends, and with it all that draws on it, even if we are killed.
+  start setpriv --pdeathsig TERM Xvfb -displayfd 3 -screen 0 "$1x$2x24" -nolisten tcp -noreset \
+    3<>"$work/display"
+  read -r -t 20 number <"$work/display" || fail "no X server came up" "$work/setpriv.log"
   export DISPLAY=:$number
   # A window that comes while the window manager starts is never shown.
   rm -f "$work/managed"
