@@ -228,7 +228,7 @@ serve() {
   start_programs
   touch "$work/scroll"
   set -m
-  "$programs/qora-serve" --display "$DISPLAY" "${serve_options[@]}" </dev/null &
+  setpriv --pdeathsig TERM "$programs/qora-serve" --display "$DISPLAY" "${serve_options[@]}" </dev/null &
   set +m
   wait $!
 }
