@@ -2,20 +2,13 @@
 # SPDX-License-Identifier: BSD-2-Clause
 """Usage: doc_blocks.py DOCUMENT.md OUT.cc -- The document's C++ blocks as one program.
 
-The first block is a whole program, step 0. The others go on from it: each becomes a function that
-finds what the text promises.
+The first block is a whole program, the second what the others include besides. Each of those goes on
+from the first and becomes a function that finds what the text promises.
 """
 import re
 import sys
 
 PRELUDE = """
-#include <poll.h>
-#include <algorithm>
-#include <iterator>
-#include <thread>
-#include "qora/client/move_detector.h"
-#include "qora/client/region_copies.h"
-
 static int step%d(ScreenSession& session) {
   CodedFrame frame;
   [[maybe_unused]] Picture picture;
@@ -49,8 +42,8 @@ int main(int argc, char* argv[]) {
 document, out = sys.argv[1:]
 blocks = re.findall(r"^```cpp\n(.*?)^```", open(document).read(), re.M | re.S)
 text = blocks[0].replace("int main(", "static int program(").replace("void draw", "static void draw")
-text += VIEWER
-for number, block in enumerate(blocks[1:], 1):
+text += blocks[1] + VIEWER
+for number, block in enumerate(blocks[2:]):
     text += PRELUDE % number + block + "  return 0;\n}\n"
-text += MAIN % ", ".join(f"step{number}" for number in range(1, len(blocks)))
+text += MAIN % ", ".join(f"step{number}" for number in range(len(blocks) - 2))
 open(out, "w").write(text)

@@ -24,40 +24,39 @@ for program in "$folder/prefix/bin"/*; do
   [[ $(head -qn1 "$folder"/prefix/share/zsh/*/"_$name") == "#compdef $name" ]]
 done
 
-cat >"$folder/parent.cc" <<'CODE'
-#include <qora/client/codec_client.h>
-#include <cstdio>
-int main(int, char* argv[]) {
-  qora::client::CodecClient client;
-  const bool started = client.start({.servicePath = argv[1], .codecRoot = argv[2]}) == 1;
-  if (started && client.stop() == 1) return 0;
-  std::fprintf(stderr, "%s\n", client.endText().c_str());
-  return 1;
+docs=$(realpath "$(dirname "$0")/../../docs")
+# block PAGE LANGUAGE: the first of that language.
+block() {
+  awk -v fence="\`\`\`$2" '$0 == fence { on = !seen++; next } $0 == "```" { on = 0 } on' "$docs/$1.md"
 }
-CODE
-sed -n '/^```c$/,/^```$/{/^```/!p}' "$(dirname "$0")/../../docs/c_interface.md" >"$folder/box.c"
-cat >"$folder/CMakeLists.txt" <<'CODE'
-cmake_minimum_required(VERSION 3.25)
-project(outside C CXX)
-find_package(qora 0.1 REQUIRED)
-add_executable(parent parent.cc)
-target_link_libraries(parent qora::client)
+CMAKE_GENERATOR=$(sed -n 's/^CMAKE_GENERATOR:INTERNAL=//p' "$build/CMakeCache.txt")
+PKG_CONFIG_PATH=$(dirname "$(find "$folder/prefix" -name qora-client.pc)")
+export CMAKE_GENERATOR PKG_CONFIG_PATH CMAKE_PREFIX_PATH=$folder/prefix
+LD_LIBRARY_PATH=$(pkg-config --variable=libdir qora-session)
+export LD_LIBRARY_PATH
+cd "$folder"
+block writing_a_parent cpp >parent.cc
+block c_interface c >box.c
+
+# By CMake, as the page says; then the C library, and where CMake says that all is.
+block writing_a_parent cmake >CMakeLists.txt
+block writing_a_parent sh | bash -eu >/dev/null
+cat >>CMakeLists.txt <<'CODE'
+enable_language(C)
 add_executable(box box.c)
 target_link_libraries(box qora::session)
 file(WRITE ${CMAKE_BINARY_DIR}/places "${QORA_SERVICE}\n${QORA_CODEC_ROOT}\n")
 CODE
-generator=$(sed -n 's/^CMAKE_GENERATOR:INTERNAL=//p' "$build/CMakeCache.txt")
-cmake -G "$generator" -S "$folder" -B "$folder/build" -DCMAKE_PREFIX_PATH="$folder/prefix" >/dev/null
-cmake --build "$folder/build" >/dev/null
-mapfile -t places <"$folder/build/places"
-"$folder/build/parent" "${places[@]}"
+cmake --build build >/dev/null
+mapfile -t places <build/places
+build/box "${places[@]}" cmake.264
 
-PKG_CONFIG_PATH=$(dirname "$(find "$folder/prefix" -name qora-client.pc)")
-export PKG_CONFIG_PATH
+# By pkg-config.
 read -r -a flags < <(pkg-config --cflags --libs qora-client)
-c++ -std=c++20 "$folder/parent.cc" "${flags[@]}" -o "$folder/parent"
-"$folder/parent" "$(pkg-config --variable=service qora-client)" \
-  "$(pkg-config --variable=codec_root qora-client)"
-read -r -a flags < <(pkg-config --cflags --libs qora-session)
-cc -std=c11 -Wall -Wextra -Wpedantic -Werror "$folder/box.c" "${flags[@]}" -o "$folder/box"
-LD_LIBRARY_PATH=$(pkg-config --variable=libdir qora-session) "$folder/box" "${places[@]}" "$folder/box.264"
+c++ -std=c++20 parent.cc "${flags[@]}" -o parent
+./parent "${places[@]}" second.264
+[[ -s first.264 && -s second.264 ]]
+read -r -a flags < <(pkg-config --cflags qora-session)
+cc -std=c11 -Wall -Wextra -Wpedantic -Werror -fsyntax-only box.c "${flags[@]}"
+block c_interface sh | bash -eu
+[[ -s box.264 && -s cmake.264 ]]
