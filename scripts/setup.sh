@@ -33,6 +33,7 @@ declare -rA groups=(
   [browser]="
     chromium chromium-driver firefox-esr xvfb x11-xserver-utils
     python3-websocket python3-xlib python3-pil python3-numpy"
+  [root]="debootstrap dpkg-dev" # a fresh Debian, in which the packages are tried
   [ci]="clang clang-format-14"
   [fuzz]="clang libclang-rt-14-dev llvm-14" # the fuzzing engine; readable traces of what it finds
   [coverage]="gcovr"

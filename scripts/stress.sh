@@ -11,7 +11,7 @@ if [[ ! ${1:-} =~ ^[1-9][0-9]*$ ]]; then
   sed -n '3,6s/^# //p' "${BASH_SOURCE[0]}" >&2
   exit 2
 fi
-scripts/build.sh release tests fuzz
+scripts/build.sh release tests fuzz root
 status=0
 QORA_SECONDS=$(($1 / 2)) ctest --preset release --label-regex 'long|soak' --parallel 2 \
   --no-tests=error || status=1
