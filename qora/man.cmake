@@ -30,7 +30,7 @@ endforeach()
 foreach(program qora-encode qora-record qora-view qora-serve)
   if(TARGET ${program})
     set(source ${sources}/${program}.1.scd)
-    qora_man(${program}.1 ${source} tools
+    qora_man(${program}.1 "${source};${program}" tools
       "$<TARGET_FILE:${program}> --help | awk -f ${sources}/options.awk - ${source}")
   endif()
 endforeach()

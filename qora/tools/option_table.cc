@@ -47,12 +47,16 @@ std::string joined(const std::vector<std::string>& words, const char* separator)
   return all;
 }
 
-// Quotes and brackets have a meaning inside a zsh description.
+// Inside a quoted description of zsh's. Brackets and colons have a meaning there.
 std::string zshText(const char* help) {
   std::string text;
-  for (const char* c = help; *c != '\0' && *c != '\n'; ++c) {
+  for (const char* c = help; *c != '\0'; ++c) {
     if (*c == '[' || *c == ']' || *c == ':' || *c == '\\') text += '\\';
-    text += *c == '\'' ? '"' : *c;
+    if (*c == '\'') {
+      text += "'\\''";
+    } else {
+      text += *c == '\n' ? ' ' : *c;
+    }
   }
   return text;
 }
@@ -183,7 +187,7 @@ std::string OptionTable::completion(const std::string& shell) const {
                                                   : ":" + std::string(row.text.value) + ":(" +
                                                         joined(row.words, " ") + ")";
     const std::string rest = "[" + zshText(row.text.help) + "]" + value + "' \\\n";
-    script += std::string("  '--") + row.text.name + rest;
+    script += std::string("  '--") + row.text.name + (row.text.value == nullptr ? "" : "=") + rest;
     if (row.text.letter != 0) script += std::string("  '-") + row.text.letter + rest;
   }
   return script + "  '*:file:_files'\n";
