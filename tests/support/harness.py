@@ -303,7 +303,7 @@ def pattern(template):
 def listed():
     """Every line that docs/protocol.md lists, without "Error: " or "Warning: ", and its pattern."""
     text = (ROOT / "docs" / "protocol.md").read_text().split("## Diagnostics")[1]
-    quoted = (line for line in re.findall(r"`([^`]*)`", text) if " " in line and line[0] != "4")
+    quoted = (line for line in re.findall(r"`([^`\n]+)`", text) if " " in line and line[0] != "4")
     return [(line, pattern(line)) for line in quoted]
 
 
