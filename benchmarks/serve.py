@@ -123,10 +123,17 @@ def cost(count):
 def drag(screen, length):
     """A window of text, carried about over a plain desktop."""
     window = screen.root.create_pixmap(480, 320, screen.display.screen().root_depth)
-    text = window.create_gc(font=screen.display.open_font("fixed"), background=0xFFFFFF)
     chance = random.Random(2)
-    for y in range(0, 333, 13):
-        window.image_text(text, 0, y, "".join(chance.choices("the quick brown fox", k=80)))
+    screen.context.change(foreground=0xFFFFFF)
+    window.fill_rectangle(screen.context, 0, 0, 480, 320)
+    screen.context.change(foreground=0x202020)
+    for y in range(4, 312, 13):
+        for x in range(4, 470, 8):
+            if chance.random() < 0.85:
+                for _ in range(4):
+                    window.fill_rectangle(screen.context, x + chance.randrange(5),
+                                          y + chance.randrange(8), 1 + chance.randrange(3), 1)
+                window.fill_rectangle(screen.context, x + chance.randrange(5), y, 1, 8)
     begun = time.monotonic()
     x = y = 0
     while (at := time.monotonic() - begun) < length:
