@@ -289,7 +289,7 @@ void print(const Clip& clip, Mode mode, int32_t link) {
 void printAll(const std::string& films) {
   const Pictures typing(films + "/typing.y4m"), scrolling(films + "/scrolling.y4m");
   const Pictures dragging(films + "/dragging.y4m"), photo(photograph(1, 0));
-  const Pictures other(photograph(2, 0)), grain(photograph(3, 5));
+  const Pictures other(photograph(2, 0)), grain(photograph(3, 2)), coarse(photograph(3, 5));
   const Pictures grey(std::vector<uint8_t>(kPictureSize, 128));
   std::vector<Clip> clips;
   for (const auto& [name, film] :
@@ -300,7 +300,7 @@ void printAll(const std::string& films) {
                      }});
   }
   const std::vector<client::Picture> scenes = {scrolling.at(0), photo.at(0),  dragging.at(0),
-                                               grain.at(0),     typing.at(0), other.at(0)};
+                                               coarse.at(0),    typing.at(0), other.at(0)};
   clips.push_back({"scenes", 0, 6 * kScene, [&](int32_t tick, const client::Picture& to) {
                      copyPicture(scenes[static_cast<size_t>(std::min(tick / kScene, 5))], to);
                    }});
@@ -320,7 +320,8 @@ void printAll(const std::string& films) {
   for (const auto& [name, shown] : {std::pair{"text", typing.at(0)},
                                     {"full text", scrolling.at(0)},
                                     {"photograph", photo.at(0)},
-                                    {"grain", grain.at(0)}}) {
+                                    {"grain", grain.at(0)},
+                                    {"coarse grain", coarse.at(0)}}) {
     const Clip page = {name, kGrey, kGrey + 5 * kSecond,
                        [&, shown = shown](int32_t tick, const client::Picture& to) {
                          copyPicture(tick < kGrey ? grey.at(0) : shown, to);

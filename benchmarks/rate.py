@@ -52,7 +52,7 @@ def gates(runs):
 
     pages = {("text", 4000): (500, 800, 900), ("text", 1000): (1600, 2400, 2500),
              ("full text", 4000): (None,) * 3, ("photograph", 4000): (None, 1800, None),
-             ("grain", 4000): (None, 2500, None)}
+             ("grain", 4000): (None, 2500, None), ("coarse grain", 4000): (None,) * 3}
     for link, limit in ((1000, 250), (4000, 150), (16000, 150)):
         run = of("scenes", link)
         firsts = [min(at for at in run.sent if at >= cut) for cut in range(0, run.end, 50)]

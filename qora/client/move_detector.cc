@@ -456,8 +456,10 @@ int32_t MoveDetector::find(const Picture& before, const Picture& after, const Da
   moves.remaining = changed;
   if (changed.count() < kFewestMoved) return 0;
   const MoveSearch search = {before, after, unfit, tolerance};
-  // What moves on mostly goes the way that it went, and leaves as much as it left.
-  if (!matchAll(search, moves.remaining) || moves.remaining.count() > 2 * unexplained_) {
+  // What scrolls on goes as far as it went, and leaves as little as it left.
+  matchAll(search, moves.remaining);
+  const int32_t left = moves.remaining.count();
+  if (left > changed.count() / 16 || left > 2 * unexplained_) {
     collectAnchors(before, changed);
     collectVotes(after, changed);
     chooseDistances();

@@ -7,11 +7,11 @@
 // colour samples (by an odd distance, in coloured content) the part is not copied but coded.
 //
 // How a frame with copies is sent: the copied macroblocks are listed first, at an offset at which
-// the encoder leaves them alone, then what remains. Never with a key frame. The encoder keeps that
-// offset: where something beside them changes in a later frame, copied macroblocks that stay still
-// are listed again at their real offset, for next to no bytes. Unlisted they may be coded by the
-// stored one, along with their neighbours' motion, and look it. A standard decoder cannot follow;
-// one that makes the same copies can, see region_copies.h.
+// the encoder spends nothing on them, then what remains. Never with a key frame. The encoder keeps
+// that offset: copied macroblocks that a later frame leaves alone are listed there once more, a
+// little above their real offset, for next to no bytes. Otherwise they may be coded by the kept
+// one, along with their neighbours' motion, and look it. A standard decoder cannot follow; one that
+// makes the same copies can, see region_copies.h.
 #pragma once
 
 #include <cstddef>

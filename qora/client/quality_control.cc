@@ -26,6 +26,8 @@ constexpr double kLeastRefined = 10;    // they get that much beside changes
 constexpr double kRefineBelow = 20;     // and nothing while more than this is queued
 
 constexpr int32_t kSmallChange = 200;  // cells
+// Of what changes. A page of text takes a quarter less than at 44, and nothing more is to be saved.
+constexpr int32_t kCoarsestChange = 46;
 constexpr int32_t kFewCells = 64;
 constexpr size_t kMostSealed = 1024;  // rectangles, so that there is always room for changes
 constexpr size_t kMostGuarded = 1024;
@@ -39,7 +41,7 @@ constexpr int32_t kFinerAtOnce = 4;
 constexpr int32_t kFarFromGoal = 16;
 constexpr int32_t kNearGoal = 10;
 
-constexpr uint32_t kStillFor = 150;    // milliseconds until a cell counts as still
+constexpr uint32_t kStillFor = 100;    // milliseconds until a cell counts as still
 constexpr uint32_t kWastedIn = 500;    // sharpened and changed in this time: in vain
 constexpr uint32_t kCalmAfter = 2000;  // still for this long: forgotten
 constexpr uint8_t kMostWasted = 4;
@@ -55,7 +57,7 @@ constexpr size_t kRefined = 4;
 // A factor never counts for less than this when an offset is chosen: grain teaches factors that the
 // next page of text breaks.
 constexpr float kLeastFactor[] = {0.8F, 0.5F, 0.03F, 0.03F, 0.8F, 1.2F};
-constexpr float kLeastOfNew = 1.3F;  // a new picture's: too coarse is put right in half a second
+constexpr float kLeastOfNew = 1.0F;  // a new picture's
 constexpr uint32_t kRunsOn = 300;    // milliseconds from one change of a cell to the next
 
 // Quantizers are halves of a step here, as CellFeatures::term is.
@@ -69,7 +71,8 @@ uint32_t milliseconds(QualityControl::Time time) {
 // A cell changes: was it sharpened in vain? The next time it has to be still for twice as long.
 template <typename Cell>
 void countWasted(Cell& cell, uint32_t now) {
-  if (now - cell.refinedAt < kWastedIn) {
+  const bool refined = static_cast<int32_t>(cell.refinedAt - cell.changedAt) > 0;
+  if (refined && now - cell.refinedAt < kWastedIn) {
     cell.wasted = std::min<uint8_t>(cell.wasted + 1, kMostWasted);
   } else if (now - cell.changedAt > kCalmAfter) {
     cell.wasted = 0;
@@ -138,11 +141,11 @@ void removeDestination(const service::RegionCopy& copy, Damage& cells) {
 
 void QualityControl::reset(int32_t width, int32_t height) {
   for (Damage* cells :
-       {&unfinished_, &sealed_, &changing_, &refined_, &guarded_, &still_.unsealed}) {
+       {&unfinished_, &sealed_, &copied_, &changing_, &refined_, &guarded_, &still_.unsealed}) {
     cells->resize(width, height);
   }
   const int32_t count = unfinished_.columns() * unfinished_.rows();
-  cells_.assign(static_cast<size_t>(count), {0, 0, kNeverCoded, 0, 0, 0, kNeverCoded});
+  cells_.assign(static_cast<size_t>(count), {0, 0, kNeverCoded, kNeverCoded, 0, 0, 0, kNeverCoded});
   startAnew_ = true;
   debt_ = underWay_ = unacknowledged_ = 0;
   acknowledging_ = false;
@@ -202,11 +205,12 @@ void QualityControl::plan(Time now, const Damage& changed, const Picture& pictur
     still_.unsealed.subtract(refined_);
     seal(still_.unsealed, plan);
   }
+  if (!whole) sealCopied(plan);
   plan.keeping = static_cast<int32_t>(plan.rectangles.size());
   if (!whole) guardSealed(plan);
   list(refined_, goal, kMostRefined, plan);
   refined_.forEachCell([&](int32_t x, int32_t y) {
-    markCoded(x, y, goal);
+    markCoded(x, y, goal, goal);
     cell(x, y).refinedAt = ms;
   });
   list(changing_, offset, kDamageRectangles - plan.rectangles.size(), plan);
@@ -214,7 +218,8 @@ void QualityControl::plan(Time now, const Damage& changed, const Picture& pictur
     Cell& one = cell(x, y);
     if (!whole) countWasted(one, ms);
     // What moved keeps what it had, or nearly.
-    markCoded(x, y, one.source < offset ? std::max<int32_t>(one.source, goal_ + 1) : offset);
+    markCoded(x, y, one.source < offset ? std::max<int32_t>(one.source, goal_ + 1) : offset,
+              offset);
     one.changedAt = ms;
   });
 
@@ -326,8 +331,8 @@ void QualityControl::measure(const Picture& picture, const Picture* before, uint
     one.term = features.term;
     one.source = kNeverCoded;
     if (moves && hasMoved(*before, picture, column, row, motion)) {
-      one.source = static_cast<int8_t>(
-          worstOffset(column * kMacroblockSize + motion.dx, row * kMacroblockSize + motion.dy));
+      one.source = static_cast<int8_t>(worstAt(column * kMacroblockSize + motion.dx,
+                                               row * kMacroblockSize + motion.dy, &Cell::offset));
     }
     running += now - one.changedAt < kRunsOn ? 1 : 0;
     ++cells;
@@ -339,7 +344,7 @@ void QualityControl::measure(const Picture& picture, const Picture* before, uint
 // found, so holding it makes it dear, and then it has to be held again.
 bool QualityControl::isCheap(int32_t count) const {
   if (rate_ == 0 || moved_ <= count / 2) return false;
-  return isWithin(bitsOf(changing_, kCoarsestOffset), static_cast<float>(bytesIn(kCheap) * 8));
+  return isWithin(bitsOf(changing_, kCoarsestChange), static_cast<float>(bytesIn(kCheap) * 8));
 }
 
 // What moved is cheap as long as it is to become no finer than it was.
@@ -403,7 +408,7 @@ bool QualityControl::isWithin(const Bits& bits, float budget) const {
 // The finest at which all that changes is within the budget.
 int32_t QualityControl::chooseOffset(float budget) const {
   int32_t fine = 0;
-  int32_t coarse = (kCoarsestOffset - goal_) / kOffsetStep;
+  int32_t coarse = (kCoarsestChange - goal_) / kOffsetStep;
   while (fine < coarse) {
     const int32_t middle = (fine + coarse) / 2;
     if (isWithin(bitsOf(changing_, goal_ + middle * kOffsetStep), budget)) {
@@ -442,13 +447,13 @@ int32_t QualityControl::chooseRefined(Bits& frame) {
   return goal;
 }
 
-// The coarsest offset of the up to four cells that a cell at these pixels is made of.
-int32_t QualityControl::worstOffset(int32_t x, int32_t y) const {
+// The coarsest of the up to four cells that a cell at these pixels is made of.
+int32_t QualityControl::worstAt(int32_t x, int32_t y, int8_t Cell::*offset) const {
   constexpr int32_t kLast = kMacroblockSize - 1;
   int32_t worst = INT8_MIN;
   for (const int32_t row : {y / kMacroblockSize, (y + kLast) / kMacroblockSize}) {
     for (const int32_t column : {x / kMacroblockSize, (x + kLast) / kMacroblockSize}) {
-      worst = std::max(worst, offsetOf(column, row));
+      worst = std::max<int32_t>(worst, cells_[index(column, row)].*offset);
     }
   }
   return worst;
@@ -460,7 +465,7 @@ bool QualityControl::isWorthCopying(const service::RegionCopy& copy, int32_t off
   int32_t coarse = 0;
   forEachCell(copy, [&](int32_t, int32_t, int32_t x, int32_t y) {
     ++cells;
-    coarse += worstOffset(x, y) > offset + kMudTolerance ? 1 : 0;
+    coarse += worstAt(x, y, &Cell::offset) > offset + kMudTolerance ? 1 : 0;
   });
   return coarse <= cells / 2;
 }
@@ -475,7 +480,7 @@ void QualityControl::takeCopies(std::span<const service::RegionCopy> candidates,
   if (plan.copies.empty()) return;
   const int32_t offset = chooseOffset(changeBudget());  // of all without copies
   std::erase_if(plan.copies, [&](const auto& copy) { return !isWorthCopying(copy, offset); });
-  std::vector<int8_t> offsets;  // all read before one is written: copies overlap
+  std::vector<std::pair<int32_t, int32_t>> sources;  // all read before one is written
   for (const service::RegionCopy& copy : plan.copies) {
     removeDestination(copy, changing_);
     plan.rectangles.push_back({.quantizerOffset = kSkippingOffset,
@@ -484,16 +489,17 @@ void QualityControl::takeCopies(std::span<const service::RegionCopy> candidates,
                                .width = copy.width,
                                .height = copy.height});
     forEachCell(copy, [&](int32_t, int32_t, int32_t x, int32_t y) {
-      offsets.push_back(static_cast<int8_t>(worstOffset(x, y)));
+      sources.emplace_back(worstAt(x, y, &Cell::offset), worstAt(x, y, &Cell::coded));
     });
   }
-  const int8_t* next = offsets.data();
+  auto next = sources.begin();
   for (const service::RegionCopy& copy : plan.copies) {
     forEachCell(copy, [&](int32_t column, int32_t row, int32_t, int32_t) {
-      markCoded(column, row, *next);
+      markCoded(column, row, next->first, next->second);
       cell(column, row).changedAt = now;
       sealed_.set(column, row);  // by the same listing
-      if (*next++ <= goal_) unfinished_.reset(column, row);
+      copied_.set(column, row);
+      if (next++->first <= goal_) unfinished_.reset(column, row);
     });
   }
 }
@@ -520,7 +526,7 @@ void QualityControl::list(Damage& cells, int32_t offset, size_t limit, QualityPl
 void QualityControl::listAsCoded(Damage& cells, int32_t above, size_t limit, QualityPlan& plan) {
   std::bitset<kNeverCoded - kFinestOffset + 1> offsets;
   cells.forEachCell([&](int32_t x, int32_t y) {
-    offsets.set(static_cast<size_t>(offsetOf(x, y) - kFinestOffset));
+    offsets.set(static_cast<size_t>(cell(x, y).coded - kFinestOffset));
   });
   const Damage wanted = cells;
   for (size_t at = 0; at < offsets.size(); ++at) {
@@ -528,7 +534,7 @@ void QualityControl::listAsCoded(Damage& cells, int32_t above, size_t limit, Qua
     const int32_t offset = static_cast<int32_t>(at) + kFinestOffset;
     alike_.resize(cells.width(), cells.height());
     wanted.forEachCell([&](int32_t x, int32_t y) {
-      if (offsetOf(x, y) == offset) alike_.set(x, y);
+      if (cell(x, y).coded == offset) alike_.set(x, y);
     });
     list(alike_, std::min(offset + above, kSkippingOffset), limit / offsets.count(), plan);
     cells.add(alike_);
@@ -547,6 +553,15 @@ void QualityControl::seal(Damage& cells, QualityPlan& plan) {
   });
 }
 
+// What copies went to before, and stays now, is sealed like the rest.
+void QualityControl::sealCopied(QualityPlan& plan) {
+  Damage staying = copied_;
+  staying.subtract(changing_);
+  for (const service::RegionCopy& copy : plan.copies) removeDestination(copy, staying);
+  listAsCoded(staying, kSealedAbove, kMostSealed, plan);
+  copied_.subtract(staying);
+}
+
 void QualityControl::planRepeat(QualityPlan& plan) {
   plan.rectangles.clear();
   plan.copies.clear();
@@ -557,10 +572,10 @@ void QualityControl::planRepeat(QualityPlan& plan) {
   plan.keeping = static_cast<int32_t>(plan.rectangles.size());
 }
 
-// A sealed cell beside motion stands still by force, which costs the cells around it their
-// prediction, and what a copy went to even takes its neighbours' motion. Listed at what it was
-// coded at it does neither. That reaches from a changed cell along its row, below such cells of the
-// row above: elsewhere the encoder predicts that the cell stands still.
+// A sealed cell in the way of motion stands still by force, which costs the cells around it their
+// prediction. Listed at what it was coded at it does not. That reaches from a changed cell along
+// its row, below such cells of the row above: elsewhere the encoder predicts that the cell stands
+// still.
 void QualityControl::guardSealed(QualityPlan& plan) {
   Damage listed = changing_;
   for (const service::RegionCopy& copy : plan.copies) {
@@ -579,15 +594,17 @@ void QualityControl::guardSealed(QualityPlan& plan) {
   guarded_.subtract(refined_);
   listAsCoded(guarded_, 0, kMostGuarded, plan);
   guarded_.forEachCell([this](int32_t x, int32_t y) {
-    markCoded(x, y, offsetOf(x, y));
+    markCoded(x, y, offsetOf(x, y), cell(x, y).coded);
     cell(x, y).refinedAt = cell(x, y).changedAt;  // not worth a frame that seals it again
   });
 }
 
-void QualityControl::markCoded(int32_t column, int32_t row, int32_t offset) {
+void QualityControl::markCoded(int32_t column, int32_t row, int32_t offset, int32_t coded) {
   cell(column, row).offset = static_cast<int8_t>(offset);
+  cell(column, row).coded = static_cast<int8_t>(coded);
   unfinished_.set(column, row);
   sealed_.reset(column, row);
+  copied_.reset(column, row);
 }
 
 }  // namespace qora::client

@@ -119,7 +119,8 @@ class QualityControl {
   struct Cell {
     uint32_t changedAt;
     uint32_t refinedAt;
-    int8_t offset;    // last really coded at
+    int8_t offset;    // how fine it is: what it was last coded at, or what moved here was
+    int8_t coded;     // what the encoder was given; what moves may be finer than that
     uint8_t wasted;   // 0 to 4: how often it changed soon after it was sharpened
     uint8_t texture;  // as in CellFeatures
     int8_t term;
@@ -165,14 +166,15 @@ class QualityControl {
   float refinementBudget(float spent) const;
   int32_t chooseOffset(float budget) const;
   int32_t chooseRefined(Bits& frame);
-  int32_t worstOffset(int32_t x, int32_t y) const;
+  int32_t worstAt(int32_t x, int32_t y, int8_t Cell::*offset) const;
   bool isWorthCopying(const service::RegionCopy& copy, int32_t offset) const;
   void takeCopies(std::span<const service::RegionCopy> candidates, uint32_t now, QualityPlan& plan);
   void list(Damage& cells, int32_t offset, size_t limit, QualityPlan& plan);
   void listAsCoded(Damage& cells, int32_t above, size_t limit, QualityPlan& plan);
   void seal(Damage& cells, QualityPlan& plan);
+  void sealCopied(QualityPlan& plan);
   void guardSealed(QualityPlan& plan);
-  void markCoded(int32_t column, int32_t row, int32_t offset);
+  void markCoded(int32_t column, int32_t row, int32_t offset, int32_t coded);
 
   int32_t goal_ = kDefaultQuality;
   double rate_ = 0;  // bytes a second
@@ -183,12 +185,13 @@ class QualityControl {
   double unacknowledged_ = 0;
   Time roundTrip_{};
   std::deque<Pending> pending_;
-  Bits factors_ = {1.3F, 1.3F, 0.15F, 0.15F, 1.3F, 1.3F};
+  Bits factors_ = {1.0F, 1.3F, 0.15F, 0.15F, 1.3F, 1.3F};
   std::vector<float> bitsByStep_;
 
   std::vector<Cell> cells_;
   Damage unfinished_;  // coarser than the goal, or not sealed
   Damage sealed_;
+  Damage copied_;           // sealed, and listed at kSkippingOffset
   uint32_t changedAt_ = 0;  // the last change of any cell
   int32_t moved_ = 0;       // of what changes now, the cells that only moved
   bool runsOn_ = false;     // most of what changes did so just before

@@ -140,7 +140,7 @@ TEST(QualityControlTest, KeyFrameListsAllWithRealOffsets) {
     ASSERT_TRUE(loop.tick({}, asked));
     EXPECT_EQ(loop.plan.keyFrame, asked);
     EXPECT_EQ(std::count(loop.listed.begin(), loop.listed.end(), *loop.offsets.begin()), kCells);
-    EXPECT_LE(*loop.offsets.rbegin(), kCoarsestOffset);
+    EXPECT_LT(*loop.offsets.rbegin(), kSkippingOffset);
     ASSERT_TRUE(loop.settle());
   }
 }
