@@ -57,6 +57,8 @@ class EncodeSession {
   int32_t encodeClip();
   Loaded loadPicture();
   int32_t sendPicture();
+  void findMoves();
+  void keepOfClip();
   int32_t sendTo(int32_t stream, const client::Picture& picture);
   int32_t openVerifiers();
   int32_t verify();
@@ -81,7 +83,9 @@ class EncodeSession {
   client::Picture loading_{};  // of stream 0, to be filled next
   client::Damage changes_;     // in that
   client::MoveDetector detector_;
-  client::Moves moves_;  // in that picture
+  client::Moves moves_;          // in that picture
+  std::vector<uint8_t> ofClip_;  // with moves: the picture in work,
+  client::Picture kept_{};       // as the clip has it
   client::CodedFrame frame_;
   std::deque<StreamVerifier> verifiers_;                // of all streams, of the first, or none
   std::array<int64_t, service::kStreamCount> given_{};  // pictures, to each stream
