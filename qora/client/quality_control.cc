@@ -4,9 +4,7 @@
 #include <algorithm>
 #include <bitset>
 #include <cmath>
-#include <numeric>
 
-#include "qora/client/cell_features.h"
 #include "qora/client/motion_guess.h"
 #include "qora/client/move_detector.h"
 
@@ -47,22 +45,7 @@ constexpr uint32_t kCalmAfter = 2000;  // still for this long: forgotten
 constexpr uint8_t kMostWasted = 4;
 constexpr uint32_t kAllStill = 300;  // nothing changed anywhere: no more is wasted
 
-constexpr int8_t kTextTerm = 5;    // 2.5 quantizer steps: above it is text
-constexpr float kResidual = 0.8F;  // a sharpening's bits over those of a first coding
-constexpr float kLeastLearned = 0.02F;
-constexpr float kMostLearned = 4;
-constexpr float kFrameBits = 100;  // a frame in which everything is skipped
-constexpr size_t kMoved = 2;       // kinds, added to text 0 and the rest 1
-constexpr size_t kRefined = 4;
-// A factor never counts for less than this when an offset is chosen: grain teaches factors that the
-// next page of text breaks.
-constexpr float kLeastFactor[] = {0.8F, 0.5F, 0.03F, 0.03F, 0.8F, 1.2F};
-constexpr float kLeastOfNew = 1.0F;  // a new picture's
-constexpr uint32_t kRunsOn = 300;    // milliseconds from one change of a cell to the next
-
-// Quantizers are halves of a step here, as CellFeatures::term is.
-constexpr int32_t kLargestQuantizer = 102;
-constexpr int32_t kLargestTexture = 204;
+constexpr uint32_t kRunsOn = 300;  // milliseconds from one change of a cell to the next
 
 uint32_t milliseconds(QualityControl::Time time) {
   return static_cast<uint32_t>(time.count() / 1000);
@@ -88,10 +71,6 @@ size_t stillIndex(uint64_t key) {
   return 0x7FFFFFFF - static_cast<size_t>(key & 0x7FFFFFFF);
 }
 
-bool isText(int8_t term) {
-  return term > kTextTerm;
-}
-
 // The runs of a few cells one by one: a typed letter is not worth a look at every cell.
 void listRuns(const Damage& cells, std::vector<service::Rectangle>& list) {
   list.clear();
@@ -106,11 +85,6 @@ void listRuns(const Damage& cells, std::vector<service::Rectangle>& list) {
                     .width = static_cast<uint16_t>(right - x),
                     .height = static_cast<uint16_t>(bottom - y)});
   });
-}
-
-template <typename Bits>
-float sumOf(const Bits& bits) {
-  return std::accumulate(bits.begin(), bits.end(), 0.0F);
 }
 
 // Calls take(cell column, cell row, source x, source y) for each cell of the destination.
@@ -145,16 +119,11 @@ void QualityControl::reset(int32_t width, int32_t height) {
     cells->resize(width, height);
   }
   const int32_t count = unfinished_.columns() * unfinished_.rows();
-  cells_.assign(static_cast<size_t>(count), {0, 0, kNeverCoded, kNeverCoded, 0, 0, 0, kNeverCoded});
+  cells_.assign(static_cast<size_t>(count), {0, 0, kNeverCoded, kNeverCoded, 0, {}, kNeverCoded});
   startAnew_ = true;
   debt_ = underWay_ = unacknowledged_ = 0;
   acknowledging_ = false;
   pending_.clear();
-  if (!bitsByStep_.empty()) return;
-  for (int32_t step = -kLargestQuantizer; step <= kLargestTexture; ++step) {
-    const float differences = std::exp2(static_cast<float>(step) / 12);
-    bitsByStep_.push_back(175 * std::log2(1 + differences / 62.5F) + 6);
-  }
 }
 
 void QualityControl::setRate(int64_t bytesPerSecond) {
@@ -197,9 +166,8 @@ void QualityControl::plan(Time now, const Damage& changed, const Picture& pictur
   // What runs on becomes finer little by little: much at once costs much, and the next frame pays.
   if (runsOn_ && rate_ > 0) offset = std::max(offset, offset_ - kFinerAtOnce);
   offset_ = offset;
-  Pending frame = {bitsOf(changing_, offset), 0, whole};
-  for (size_t kind = 0; kind < kKinds; ++kind) frame.bits[kind] *= factors_[kind];
-  const int32_t goal = chooseRefined(frame.bits);
+  Bits bits = bitsOf(changing_, offset);
+  const int32_t goal = chooseRefined(bits);
 
   if (changing_.isEmpty() && plan.copies.empty()) {
     still_.unsealed.subtract(refined_);
@@ -225,9 +193,9 @@ void QualityControl::plan(Time now, const Damage& changed, const Picture& pictur
 
   if (count > 0) changedAt_ = ms;
   startAnew_ = false;
-  frame.bytes = (sumOf(frame.bits) + kFrameBits) / 8;
-  underWay_ += frame.bytes;
-  pending_.push_back(frame);
+  const Bits expected = prediction_.expected(bits);
+  pending_.push_back({expected, (sumOf(expected) + kFrameBits) / 8, whole});
+  underWay_ += pending_.back().bytes;
 }
 
 void QualityControl::encoded(Time now, int64_t bytes, bool keyFrame) {
@@ -238,7 +206,7 @@ void QualityControl::encoded(Time now, int64_t bytes, bool keyFrame) {
   underWay_ = pending_.empty() ? 0 : underWay_ - frame.bytes;
   debt_ += static_cast<double>(bytes);
   unacknowledged_ += static_cast<double>(bytes);
-  learn(frame.bits, static_cast<double>(bytes) * 8);
+  prediction_.learn(frame.expected, static_cast<double>(bytes) * 8);
   // A key frame takes every cell's stored offset, and that of a sealed cell is rubbish.
   if (keyFrame && !frame.whole) startAnew_ = true;
 }
@@ -306,7 +274,7 @@ void QualityControl::findStill(uint32_t now) {
       ++settled;
       sharpened |= static_cast<int32_t>(one.refinedAt - one.changedAt) > 0;
     } else {
-      still_.heap.push_back(stillKey(isText(one.term), age, index(column, row)));
+      still_.heap.push_back(stillKey(isText(one.features), age, index(column, row)));
       still_.far |= one.offset > goal_ + kFarFromGoal;
     }
   });
@@ -325,10 +293,8 @@ void QualityControl::measure(const Picture& picture, const Picture* before, uint
   int32_t cells = 0;
   moved_ = 0;
   changing_.forEachCell([&](int32_t column, int32_t row) {
-    const CellFeatures features = cellFeatures(picture, column, row);
     Cell& one = cell(column, row);
-    one.texture = features.texture;
-    one.term = features.term;
+    one.features = cellFeatures(picture, column, row);
     one.source = kNeverCoded;
     if (moves && hasMoved(*before, picture, column, row, motion)) {
       one.source = static_cast<int8_t>(worstAt(column * kMacroblockSize + motion.dx,
@@ -344,41 +310,20 @@ void QualityControl::measure(const Picture& picture, const Picture* before, uint
 // found, so holding it makes it dear, and then it has to be held again.
 bool QualityControl::isCheap(int32_t count) const {
   if (rate_ == 0 || moved_ <= count / 2) return false;
-  return isWithin(bitsOf(changing_, kCoarsestChange), static_cast<float>(bytesIn(kCheap) * 8));
+  return prediction_.isWithin(bitsOf(changing_, kCoarsestChange),
+                              static_cast<float>(bytesIn(kCheap) * 8), runsOn_);
 }
 
-// What moved is cheap as long as it is to become no finer than it was.
-size_t QualityControl::kindOf(const Cell& cell, int32_t offset) {
-  const bool moved = cell.source <= offset + kOffsetStep;
-  return (isText(cell.term) ? 0 : 1) + (moved ? kMoved : 0);
-}
-
-// The bits of coding a cell anew at an offset. Within a factor of two for text, desktops,
-// photographs and grain alike, before anything is learned.
-float QualityControl::bitsOf(const Cell& one, int32_t offset) const {
-  const int32_t quantizer = std::clamp(2 * offset + one.term, 0, kLargestQuantizer);
-  return bitsByStep_[static_cast<size_t>(one.texture - quantizer + kLargestQuantizer)];
-}
-
-// Of all cells by kind, before factors.
+// Of all cells by kind. What moved is cheap as long as it is to become no finer than it was.
 QualityControl::Bits QualityControl::bitsOf(const Damage& cells, int32_t offset) const {
   Bits bits = {};
   cells.forEachCell([&](int32_t column, int32_t row) {
     const Cell& one = cells_[index(column, row)];
-    bits[kindOf(one, offset)] += bitsOf(one, offset);
+    const Reason reason = one.source <= offset + kOffsetStep ? Reason::moved : Reason::changed;
+    bits[prediction_.kindOf(one.features, reason)] +=
+        prediction_.bitsOf(one.features, offset, reason);
   });
   return bits;
-}
-
-void QualityControl::learn(const Bits& bits, double actual) {
-  const double predicted = sumOf(bits) + kFrameBits;
-  const double error = std::clamp(std::log(std::max(actual, 1.0) / predicted), -1.6, 1.6);
-  // What was too cheap is put right at once, what was too dear by halves.
-  const double step = error > 0 ? 1.0 : 0.5;
-  for (size_t kind = 0; kind < kKinds; ++kind) {
-    factors_[kind] *= static_cast<float>(std::exp(step * bits[kind] / predicted * error));
-    factors_[kind] = std::clamp(factors_[kind], kLeastLearned, kMostLearned);
-  }
 }
 
 float QualityControl::changeBudget() const {
@@ -396,22 +341,14 @@ float QualityControl::refinementBudget(float spent) const {
   return static_cast<float>(std::max(bytes, bytesIn(kLeastRefined)) * 8);
 }
 
-bool QualityControl::isWithin(const Bits& bits, float budget) const {
-  float sum = 0;
-  for (size_t kind = 0; kind < kKinds; ++kind) {
-    const float least = kind < kMoved && !runsOn_ ? kLeastOfNew : kLeastFactor[kind];
-    sum += bits[kind] * std::max(factors_[kind], least);
-  }
-  return sum <= budget;
-}
-
 // The finest at which all that changes is within the budget.
 int32_t QualityControl::chooseOffset(float budget) const {
   int32_t fine = 0;
   int32_t coarse = (kCoarsestChange - goal_) / kOffsetStep;
   while (fine < coarse) {
     const int32_t middle = (fine + coarse) / 2;
-    if (isWithin(bitsOf(changing_, goal_ + middle * kOffsetStep), budget)) {
+    const Bits bits = bitsOf(changing_, goal_ + middle * kOffsetStep);
+    if (prediction_.isWithin(bits, budget, runsOn_)) {
       coarse = middle;
     } else {
       fine = middle + 1;
@@ -422,11 +359,11 @@ int32_t QualityControl::chooseOffset(float budget) const {
 
 // Takes what is to be sharpened in this frame off the heap and adds its bits. Returns to which
 // offset: near the goal as long as anything is far from it.
-int32_t QualityControl::chooseRefined(Bits& frame) {
+int32_t QualityControl::chooseRefined(Bits& bits) {
   const bool near = still_.far && rate_ > 0;
   const int32_t goal = near ? goal_ + kNearGoal : goal_;
   const int32_t enough = near ? goal_ + kFarFromGoal : goal_;
-  float budget = refinementBudget(sumOf(frame));
+  float budget = refinementBudget(sumOf(prediction_.expected(bits)));
   bool mustTake = changing_.isEmpty();  // one at least
   refined_.clear();
   for (auto end = still_.heap.end(); end != still_.heap.begin() && (budget > 0 || mustTake);
@@ -435,11 +372,10 @@ int32_t QualityControl::chooseRefined(Bits& frame) {
     const size_t at = stillIndex(*(end - 1));
     const Cell& one = cells_[at];
     if (one.offset <= enough) continue;
-    const size_t kind = kRefined + (isText(one.term) ? 0 : 1);
-    const float bits = kResidual * bitsOf(one, goal);
-    // The second step is cheaper than the first, which has taught the factor.
-    budget -= bits * std::max(factors_[kind], kLeastFactor[kind] / (near ? 1 : 2));
-    frame[kind] += bits * factors_[kind];
+    const size_t kind = prediction_.kindOf(one.features, Reason::sharpened);
+    const float more = prediction_.bitsOf(one.features, goal, Reason::sharpened);
+    budget -= prediction_.charge(kind, more, near);
+    bits[kind] += more;
     const auto columns = static_cast<size_t>(refined_.columns());
     refined_.set(static_cast<int32_t>(at % columns), static_cast<int32_t>(at / columns));
     mustTake = false;

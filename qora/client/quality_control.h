@@ -26,7 +26,6 @@
 // Pure: no clock, no input or output. A time is any monotonic clock's. One thread at a time.
 #pragma once
 
-#include <array>
 #include <chrono>
 #include <cstdint>
 #include <deque>
@@ -35,6 +34,7 @@
 
 #include "qora/client/damage.h"
 #include "qora/client/picture.h"
+#include "qora/client/size_prediction.h"
 #include "qora/service/wire/messages.h"
 
 namespace qora::client {
@@ -110,26 +110,23 @@ class QualityControl {
 
  private:
   static constexpr int8_t kNeverCoded = 127;
-  // Cells are predicted by six factors: text and the rest, each of them new, moved, or being
-  // sharpened.
-  static constexpr size_t kKinds = 6;
-  using Bits = std::array<float, kKinds>;
+  using Bits = SizePrediction::Bits;
+  using Reason = SizePrediction::Reason;
 
   // Times are in milliseconds and wrap round.
   struct Cell {
     uint32_t changedAt;
     uint32_t refinedAt;
-    int8_t offset;    // how fine it is: what it was last coded at, or what moved here was
-    int8_t coded;     // what the encoder was given; what moves may be finer than that
-    uint8_t wasted;   // 0 to 4: how often it changed soon after it was sharpened
-    uint8_t texture;  // as in CellFeatures
-    int8_t term;
+    int8_t offset;   // how fine it is: what it was last coded at, or what moved here was
+    int8_t coded;    // what the encoder was given; what moves may be finer than that
+    uint8_t wasted;  // 0 to 4: how often it changed soon after it was sharpened
+    CellFeatures features;
     int8_t source;  // moved: the offset of what it was; kNeverCoded: it did not
   };
   struct Pending {
-    Bits bits;     // predicted
-    double bytes;  // the same in all
-    bool whole;    // every cell is listed with a real offset
+    Bits expected;  // see SizePrediction
+    double bytes;   // the same in all
+    bool whole;     // every cell is listed with a real offset
   };
   // The unfinished cells that have not changed.
   struct Still {
@@ -151,21 +148,17 @@ class QualityControl {
   double queued() const;
   void drain(Time now);
   bool waitForLink(Time now, double milliseconds, QualityPlan& plan) const;
-  // The prediction.
+  // What a picture will cost.
   void measure(const Picture& picture, const Picture* before, uint32_t now);
   bool isCheap(int32_t count) const;
-  static size_t kindOf(const Cell& cell, int32_t offset);
-  float bitsOf(const Cell& cell, int32_t offset) const;
   Bits bitsOf(const Damage& cells, int32_t offset) const;
-  void learn(const Bits& bits, double actual);
   // The plan.
   bool mayGoOn(Time now, QualityPlan& plan) const;
   void findStill(uint32_t now);
   float changeBudget() const;
-  bool isWithin(const Bits& bits, float budget) const;
   float refinementBudget(float spent) const;
   int32_t chooseOffset(float budget) const;
-  int32_t chooseRefined(Bits& frame);
+  int32_t chooseRefined(Bits& bits);
   int32_t worstAt(int32_t x, int32_t y, int8_t Cell::*offset) const;
   bool isWorthCopying(const service::RegionCopy& copy, int32_t offset) const;
   void takeCopies(std::span<const service::RegionCopy> candidates, uint32_t now, QualityPlan& plan);
@@ -185,8 +178,7 @@ class QualityControl {
   double unacknowledged_ = 0;
   Time roundTrip_{};
   std::deque<Pending> pending_;
-  Bits factors_ = {1.0F, 1.3F, 0.15F, 0.15F, 1.3F, 1.3F};
-  std::vector<float> bitsByStep_;
+  SizePrediction prediction_;
 
   std::vector<Cell> cells_;
   Damage unfinished_;  // coarser than the goal, or not sealed
