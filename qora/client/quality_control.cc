@@ -115,7 +115,7 @@ void removeDestination(const service::RegionCopy& copy, Damage& cells) {
 
 void QualityControl::reset(int32_t width, int32_t height) {
   for (Damage* cells :
-       {&unfinished_, &sealed_, &copied_, &changing_, &refined_, &guarded_, &still_.unsealed}) {
+       {&unfinished_, &sealed_, &copied_, &changing_, &refined_, &guarded_, &unsealed_}) {
     cells->resize(width, height);
   }
   const int32_t count = unfinished_.columns() * unfinished_.rows();
@@ -169,10 +169,7 @@ void QualityControl::plan(Time now, const Damage& changed, const Picture& pictur
   Bits bits = bitsOf(changing_, offset);
   const int32_t goal = chooseRefined(bits);
 
-  if (changing_.isEmpty() && plan.copies.empty()) {
-    still_.unsealed.subtract(refined_);
-    seal(still_.unsealed, plan);
-  }
+  if (changing_.isEmpty() && plan.copies.empty()) sealUnfinished(plan);
   if (!whole) sealCopied(plan);
   plan.keeping = static_cast<int32_t>(plan.rectangles.size());
   if (!whole) guardSealed(plan);
@@ -254,7 +251,6 @@ bool QualityControl::mayGoOn(Time now, QualityPlan& plan) const {
 }
 
 void QualityControl::findStill(uint32_t now) {
-  still_.unsealed.clear();
   still_.heap.clear();
   int32_t settled = 0;
   bool sharpened = false;
@@ -265,7 +261,6 @@ void QualityControl::findStill(uint32_t now) {
     if (changing_.test(column, row)) return;
     const Cell& one = cell(column, row);
     const bool finished = one.offset <= goal_;
-    if (!sealed_.test(column, row)) still_.unsealed.set(column, row);
     const uint32_t age = now - one.changedAt;
     const uint32_t needed = allStill ? kStillFor : kStillFor << one.wasted;
     if (age < needed) {
@@ -481,10 +476,13 @@ void QualityControl::listAsCoded(Damage& cells, int32_t above, size_t limit, Qua
 // will, as long as it is not sealed. To seal it is to list it far enough above what it was coded at
 // that there is nothing to code. Above quantizer 51 the encoder would no longer take the cell for a
 // still one: its neighbours' motion costs it less than none then, and it takes that.
-void QualityControl::seal(Damage& cells, QualityPlan& plan) {
-  listAsCoded(cells, kSealedAbove, kMostSealed, plan);
-  sealed_.add(cells);
-  cells.forEachCell([this](int32_t column, int32_t row) {
+void QualityControl::sealUnfinished(QualityPlan& plan) {
+  unsealed_ = unfinished_;
+  unsealed_.subtract(sealed_);
+  unsealed_.subtract(refined_);
+  listAsCoded(unsealed_, kSealedAbove, kMostSealed, plan);
+  sealed_.add(unsealed_);
+  unsealed_.forEachCell([this](int32_t column, int32_t row) {
     if (offsetOf(column, row) <= goal_) unfinished_.reset(column, row);
   });
 }
@@ -502,9 +500,8 @@ void QualityControl::planRepeat(QualityPlan& plan) {
   plan.rectangles.clear();
   plan.copies.clear();
   plan.keyFrame = false;
-  still_.unsealed = unfinished_;
-  still_.unsealed.subtract(sealed_);
-  seal(still_.unsealed, plan);
+  refined_.clear();
+  sealUnfinished(plan);
   plan.keeping = static_cast<int32_t>(plan.rectangles.size());
 }
 

@@ -130,7 +130,6 @@ class QualityControl {
   };
   // The unfinished cells that have not changed.
   struct Still {
-    Damage unsealed;
     bool worthSealing = false;   // those at the goal are many, or were sharpened
     std::vector<uint64_t> heap;  // coarser than the goal and still for long enough, by stillKey()
     bool far = false;            // one of those is far from the goal
@@ -164,7 +163,7 @@ class QualityControl {
   void takeCopies(std::span<const service::RegionCopy> candidates, uint32_t now, QualityPlan& plan);
   void list(Damage& cells, int32_t offset, size_t limit, QualityPlan& plan);
   void listAsCoded(Damage& cells, int32_t above, size_t limit, QualityPlan& plan);
-  void seal(Damage& cells, QualityPlan& plan);
+  void sealUnfinished(QualityPlan& plan);
   void sealCopied(QualityPlan& plan);
   void guardSealed(QualityPlan& plan);
   void markCoded(int32_t column, int32_t row, int32_t offset, int32_t coded);
@@ -194,6 +193,7 @@ class QualityControl {
   Damage refined_;
   Damage guarded_;
   Damage alike_;
+  Damage unsealed_;
   Still still_;
   std::vector<service::Rectangle> listed_;
 };

@@ -9,8 +9,6 @@
 namespace qora::client {
 namespace {
 
-constexpr int8_t kTextTerm = 5;    // 2.5 quantizer steps: above it is text
-constexpr float kResidual = 0.8F;  // a sharpening's bits over those of a first coding
 constexpr float kLeastLearned = 0.02F;
 constexpr float kMostLearned = 4;
 
@@ -19,15 +17,7 @@ constexpr float kLeastFactor[] = {0.8F, 0.5F, 0.03F, 0.03F, 0.8F, 1.2F};
 constexpr float kLeastOfNew = 1.0F;  // a new picture's
 constexpr size_t kEndOfChanged = 2;  // kinds
 
-// Quantizers are halves of a step here, as CellFeatures::term is.
-constexpr int32_t kLargestQuantizer = 102;
-constexpr int32_t kLargestTexture = 204;
-
 }  // namespace
-
-bool isText(const CellFeatures& features) {
-  return features.term > kTextTerm;
-}
 
 float sumOf(const SizePrediction::Bits& bits) {
   return std::accumulate(bits.begin(), bits.end(), 0.0F);
@@ -38,16 +28,6 @@ SizePrediction::SizePrediction() {
     const float differences = std::exp2(static_cast<float>(step) / 12);
     bitsByStep_.push_back(175 * std::log2(1 + differences / 62.5F) + 6);
   }
-}
-
-size_t SizePrediction::kindOf(const CellFeatures& features, Reason reason) {
-  return 2 * static_cast<size_t>(reason) + (isText(features) ? 0 : 1);
-}
-
-float SizePrediction::bitsOf(const CellFeatures& features, int32_t offset, Reason reason) const {
-  const int32_t quantizer = std::clamp(2 * offset + features.term, 0, kLargestQuantizer);
-  const auto step = static_cast<size_t>(features.texture - quantizer + kLargestQuantizer);
-  return bitsByStep_[step] * (reason == Reason::sharpened ? kResidual : 1);
 }
 
 SizePrediction::Bits SizePrediction::expected(const Bits& bits) const {

@@ -6,6 +6,7 @@
 // Pure; one thread at a time.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -15,8 +16,10 @@
 
 namespace qora::client {
 
-// Whether a macroblock has the contrast of text.
-bool isText(const CellFeatures& features);
+// Whether a macroblock has the contrast of text: above 2.5 quantizer steps.
+inline bool isText(const CellFeatures& features) {
+  return features.term > 5;
+}
 
 class SizePrediction {
  public:
@@ -27,9 +30,15 @@ class SizePrediction {
 
   SizePrediction();
 
-  static size_t kindOf(const CellFeatures& features, Reason reason);
+  static size_t kindOf(const CellFeatures& features, Reason reason) {
+    return 2 * static_cast<size_t>(reason) + (isText(features) ? 0 : 1);
+  }
   // By the formula alone.
-  float bitsOf(const CellFeatures& features, int32_t offset, Reason reason) const;
+  float bitsOf(const CellFeatures& features, int32_t offset, Reason reason) const {
+    const int32_t quantizer = std::clamp(2 * offset + features.term, 0, kLargestQuantizer);
+    const auto step = static_cast<size_t>(features.texture - quantizer + kLargestQuantizer);
+    return bitsByStep_[step] * (reason == Reason::sharpened ? kResidual : 1);
+  }
   // By the formula and what was learned.
   Bits expected(const Bits& bits) const;
 
@@ -46,6 +55,11 @@ class SizePrediction {
   void learn(const Bits& expected, double actual);
 
  private:
+  // Quantizers are halves of a step here, as CellFeatures::term is.
+  static constexpr int32_t kLargestQuantizer = 102;
+  static constexpr int32_t kLargestTexture = 204;
+  static constexpr float kResidual = 0.8F;  // a sharpening's bits over those of a first coding
+
   std::vector<float> bitsByStep_;
   Bits factors_ = {1.0F, 1.3F, 0.15F, 0.15F, 1.3F, 1.3F};
 };
