@@ -75,7 +75,7 @@ class Screen:
     def picture(self, path):
         dump = path.with_suffix(".xwd")
         self.call("xwd", "-silent", "-root", "-out", dump)
-        run("ffmpeg", "-v", "error", "-y", "-i", dump, path)
+        run("ffmpeg", "-v", "error", "-y", "-i", dump, "-pix_fmt", "rgb24", path)
         return path
 
 

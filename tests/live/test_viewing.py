@@ -6,7 +6,7 @@ import subprocess
 import pytest
 
 import harness
-from screens import Recording, Screen, eventually, likeness, run
+from screens import RECORD, Recording, Screen, eventually, likeness, run
 
 VIEW, ENCODE = harness.BUILD / "qora-view", harness.BUILD / "qora-encode"
 
@@ -62,3 +62,41 @@ def test_the_window_shows_the_picture(tmp_path):
         eventually(lambda: likeness(screen.picture(tmp_path / "shown.png"), saved) > 30)
         screen.call("xdotool", "mousemove", "100", "100", "key", "q")
         assert viewer.wait(timeout=harness.HANG) == 0
+
+
+def test_keys_pause_step_and_go_on(clip, tmp_path):
+    coded, saved = tmp_path / "slow.264", tmp_path / "saved.png"
+    run(ENCODE, "--quiet", "--no-rectangles", clip, "-o", coded)
+    with Screen("320x240") as screen:
+        viewer = screen.start(VIEW, "--fps", "2", coded)
+        window = screen.call("xdotool", "search", "--sync", "--onlyvisible", "--name", "slow.264").split()[0]
+        name = lambda: screen.call("xdotool", "getwindowname", window).strip()
+        number = lambda: int(name().split("frame ")[1].split(",")[0])
+        press = lambda key: screen.call("xdotool", "mousemove", "100", "100", "key", key)
+        press("space")
+        eventually(lambda: name().endswith("paused"))
+        paused = number()
+        press("s")
+        eventually(lambda: number() == paused + 1)
+        assert view("--frame", str(paused + 1), "--png", saved, coded) == (0, "", "")
+        eventually(lambda: likeness(screen.picture(tmp_path / "shown.png"), saved) > 25)  # 17 are its neighbours
+        press("space")
+        eventually(lambda: number() > paused + 1)
+        viewer.terminate()
+
+
+def test_a_pipe_shows_the_screen_as_it_is(tmp_path):
+    with Screen() as shown, Screen() as screen:
+        shown.terminal("seq 15; exec cat")
+        recorder = subprocess.Popen([RECORD, "--quiet", "--cursor", "off", "--display", shown.name, "-o", "-"],
+                                    stdout=subprocess.PIPE)
+        viewer = subprocess.Popen([VIEW, "-"], stdin=recorder.stdout, env=screen.environment)
+        recorder.stdout.close()
+        for what in ("here", "there"):
+            shown.call("xdotool", "type", what)
+            before = shown.picture(tmp_path / "before.png")
+            eventually(lambda: likeness(screen.picture(tmp_path / "now.png"), before) > 30)
+        viewer.terminate()
+        assert viewer.wait(timeout=harness.HANG) == 0
+        shown.call("xdotool", "type", "nobody")  # which the recorder notices now
+        assert recorder.wait(timeout=harness.HANG) != 0
