@@ -14,6 +14,7 @@ namespace {
 // Milliseconds of the link.
 constexpr double kHold = 50;            // a change waits while more than this is queued
 constexpr double kHoldSmall = 200;      // a small one: typing, the pointer
+constexpr double kHoldCheap = 120;      // one that is cheap because it only moved
 constexpr double kCheap = 35;           // a change that takes less than a tick of 40
 constexpr double kQueueAfter = 100;     // what may be queued after a change
 constexpr double kQueueRunning = 50;    // the same of what moves on: more would only show it later
@@ -154,8 +155,8 @@ void QualityControl::plan(Time now, const Damage& changed, const Picture& pictur
   const uint32_t ms = milliseconds(now);
   if (count >= kSmallChange && waitForLink(now, kHoldSmall, plan)) return;
   measure(picture, whole ? nullptr : before, ms);
-  const bool mayWait = count >= kSmallChange && !isCheap(count);
-  if (count > 0 && waitForLink(now, mayWait ? kHold : kHoldSmall, plan)) return;
+  const double hold = count < kSmallChange ? kHoldSmall : isCheap(count) ? kHoldCheap : kHold;
+  if (count > 0 && waitForLink(now, hold, plan)) return;
   findStill(ms);
   if (count == 0 && !mayGoOn(now, plan)) return;
 
@@ -294,6 +295,7 @@ void QualityControl::measure(const Picture& picture, const Picture* before, uint
     if (moves && hasMoved(*before, picture, column, row, motion)) {
       one.source = static_cast<int8_t>(worstAt(column * kMacroblockSize + motion.dx,
                                                row * kMacroblockSize + motion.dy, &Cell::offset));
+      ++moved_;
     }
     running += now - one.changedAt < kRunsOn ? 1 : 0;
     ++cells;

@@ -89,7 +89,7 @@ class QualityControl {
   //   Some
   //             may be left out of the plan: what would copy a coarse part is coded instead.
   //   keyFrame  a frame that stands alone is wanted; ask until plan.keyFrame.
-  // Costs microseconds for a typed letter, about half a millisecond for all of 1920x1080.
+  // Costs microseconds for a typed letter, about a millisecond for all of 1920x1080.
   void plan(Time now, const Damage& changed, const Picture& picture, const Picture* before,
             std::span<const service::RegionCopy> copies, bool keyFrame, QualityPlan& plan);
 

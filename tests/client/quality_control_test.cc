@@ -247,18 +247,24 @@ TEST(QualityControlTest, CopiesAreListedFirstForSealing) {
   }
 }
 
-TEST(QualityControlTest, WhatOnlyMovedStaysSharp) {
+TEST(QualityControlTest, WhatOnlyMovedStaysSharpAndIsNotHeld) {
   for (const bool known : {true, false}) {
-    Loop loop(100'000);
-    loop.tick({kAll});
-    ASSERT_TRUE(loop.settle());
-    Screen moved(640, 384);
-    moved.draw(kAll, loop.drawn, 12);
-    const Picture before = loop.screen.picture();
-    loop.damage.addAll();
-    loop.control.plan(loop.now + milliseconds(400), loop.damage, moved.picture(),
-                      known ? &before : nullptr, {}, false, loop.plan);
-    EXPECT_EQ(loop.plan.rectangles[0].quantizerOffset < 30, known);
+    for (const bool queued : {true, false}) {
+      Loop loop(100'000);
+      loop.tick({kAll});
+      ASSERT_TRUE(loop.settle());
+      Screen moved(640, 384);
+      moved.draw(kAll, loop.drawn, 12);
+      const Picture before = loop.screen.picture();
+      loop.cost = 120;  // 66 milliseconds of the link
+      if (queued) loop.tick({{0, 0, 16, 16}});
+      loop.damage.addAll();
+      loop.control.plan(loop.now, loop.damage, moved.picture(), known ? &before : nullptr, {},
+                        false, loop.plan);
+      EXPECT_EQ(loop.plan.step == QualityStep::encode, known || !queued);
+      if (queued) continue;
+      EXPECT_EQ(loop.plan.rectangles[0].quantizerOffset < 30, known);
+    }
   }
 }
 
