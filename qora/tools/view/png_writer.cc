@@ -25,12 +25,13 @@ struct Release {
 template <typename Type>
 using Owned = std::unique_ptr<Type, Release>;
 
-// Null: no memory.
+// Null: no memory. Without chroma for each pixel, white comes out as 253.
 Owned<AVFrame> toRgb(const client::Picture& picture) {
   Owned<AVFrame> frame(av_frame_alloc());
   const Owned<SwsContext> scaler(sws_getContext(
       picture.width, picture.height, AV_PIX_FMT_YUV420P, picture.width, picture.height,
-      AV_PIX_FMT_RGB24, SWS_BILINEAR | SWS_ACCURATE_RND, nullptr, nullptr, nullptr));
+      AV_PIX_FMT_RGB24, SWS_BILINEAR | SWS_ACCURATE_RND | SWS_FULL_CHR_H_INT, nullptr, nullptr,
+      nullptr));
   if (frame == nullptr || scaler == nullptr) return nullptr;
   frame->format = AV_PIX_FMT_RGB24;
   frame->width = picture.width;
