@@ -90,6 +90,7 @@ bool hasMoved(const Picture& before, const Picture& after, int32_t column, int32
 
 Motion guessMotion(const Picture& before, const Picture& after, const Damage& changed) {
   const std::vector<Cell> samples = chooseSamples(after, changed);
+  if (samples.empty()) return {};
   const auto count = static_cast<int32_t>(samples.size());
   const int32_t tooFew = count / 4;
   std::vector<int8_t> votes(static_cast<size_t>(kPlaces * (2 * kReachDown + 1)));

@@ -41,7 +41,7 @@ namespace qora::client {
 
 inline constexpr int32_t kDefaultQuality = 8;  // at least 46.9 dB in the worst 1 % of the cells
 inline constexpr int32_t kFinestOffset = -12;
-inline constexpr int32_t kCoarsestOffset = 44;    // beyond it text is gone and nothing is saved
+inline constexpr int32_t kCoarsestOffset = 44;    // of what stays: beyond it text is gone
 inline constexpr int32_t kSealedAbove = 14;       // a still cell is sealed that far above its own
 inline constexpr int32_t kSkippingOffset = 100;   // whatever changed, next to no byte is spent
 inline constexpr int32_t kRectangleLimit = 4096;  // 48 KiB: the service's first buffer holds them
@@ -101,6 +101,8 @@ class QualityControl {
   void encoded(Time now, int64_t bytes, bool keyFrame);
   // For a parent that learns what arrived: from the first call on, the debt is what was sent and
   // not acknowledged, less what a link of this rate carries in `roundTrip` (the link's least one).
+  // So from then on all that is sent has to be acknowledged, or nothing more is planned; until
+  // reset().
   void acknowledged(int64_t bytes, Time roundTrip);
 
   // Bytes that are not through the link yet by our reckoning, frames under way included.
