@@ -57,13 +57,14 @@ windows_of_dragging() {
   start_window Carried "${terminal[@]}" -class Carried -geometry 80x30+200+60 \
     -e bash -c show_sources
 }
-# Takes the window by its title bar and carries it in a loop over the others, a step a picture.
+# Takes the window by its title bar and carries it over the others, a step a picture, three loops that
+# end where they began.
 act_dragging() {
   local path
   mapfile -t path < <(awk 'BEGIN {
     x = 500; y = 68
     printf "mousemove\n%d\n%d\nsleep\n0.3\nmousedown\n1\n", x, y
-    for (step = 0; step <= 400; ++step) {
+    for (step = 0; step <= 480; ++step) {
       angle = 2 * 3.14159265 * step / 160
       printf "mousemove\n%d\n%d\nsleep\n0.037\n",
         x + 420 * (1 - cos(angle)), y + 320 * sin(angle / 2) ^ 2

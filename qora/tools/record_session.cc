@@ -19,6 +19,7 @@ namespace {
 
 using std::chrono::microseconds;
 
+constexpr int32_t kSavedUp = 2;              // pictures
 constexpr int32_t kDefaultKeyInterval = 10;  // seconds, where somebody will seek
 constexpr microseconds kProgressInterval{1'000'000};
 constexpr microseconds kPaymentInterval{200'000};
@@ -208,9 +209,9 @@ int32_t RecordSession::capture() {
   due_.clear();
   if (session_.refineChanges(kStream, picture_, changed_) == -1) return fail(session_.errorText());
   if (changed_.isEmpty()) return 1;
-  // A timer that woke us a little late must not make the rate lower than it was asked for.
-  const Time late = time - nextPicture_;
-  nextPicture_ = time + interval_ - (late < interval_ / 4 ? late : Time{});
+  // A screen that stood still has some pictures saved up: a change close after another is not kept
+  // waiting. A timer that woke us late does not make the rate lower either.
+  nextPicture_ = std::max(nextPicture_, time - kSavedUp * interval_) + interval_;
   return give();
 }
 
