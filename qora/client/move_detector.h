@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "qora/client/damage.h"
+#include "qora/client/move_distances.h"
 #include "qora/client/picture.h"
 #include "qora/service/wire/messages.h"
 
@@ -49,10 +50,6 @@ struct MoveSearch {
   const Damage* unfit;
   int32_t tolerance;
 };
-struct MoveDistance {
-  int32_t dx, dy;  // from destination to source
-  int32_t votes;
-};
 // What one kind of copy makes right.
 struct MoveWay {
   int32_t dx, dy;
@@ -78,32 +75,19 @@ class MoveDetector {
                const Damage* unfit, Moves& moves, int32_t tolerance = 0);
 
  private:
-  // A place that was chosen by what stands there, so that it moves with the content.
-  struct Anchor {
-    uint64_t key;  // made from the samples there
-    int32_t x, y;
-    int32_t next;  // the next of its chain, -1 none
-  };
   struct Candidate {
     int32_t cells;  // that it makes right
     service::RegionCopy copy;
   };
 
-  void collectAnchors(const Picture& before, const Damage& changed);
-  void collectVotes(const Picture& after, const Damage& changed);
-  void vote(int32_t dx, int32_t dy);
-  void chooseDistances();
   bool matchAll(const MoveSearch& search, Damage& remaining);
   void match(const MoveSearch& search, const MoveDistance& distance, Damage& remaining);
   void fill(const MoveSearch& search, MoveWay& way);
   void addCandidate(const MoveWay& way, const service::Rectangle& rectangle);
   void listCopies(Moves& moves);
 
-  std::vector<Anchor> anchors_;
-  int32_t unexplained_ = 0;              // changed macroblocks, by the last search for distances
-  std::vector<int32_t> chains_;          // first anchor by the key's low bits, -1 none
-  std::vector<MoveDistance> distances_;  // a hash table while votes are counted, then the best
-                                         // ones, which are tried first the next time
+  int32_t unexplained_ = 0;  // changed macroblocks, by the last search for distances
+  MoveDistances distances_;  // tried again first
   std::vector<MoveWay> ways_;
   std::vector<service::Rectangle> rectangles_;
   std::vector<service::Rectangle> filledRectangles_;
@@ -121,18 +105,11 @@ inline constexpr int32_t kUnseenTolerance = 4;
 // those macroblocks.
 int32_t adoptMoves(const Picture& before, const Picture& picture, const Moves& moves, Damage& owed);
 
-// The steps of the search that read every changed pixel. The plain ones are the measure.
-
-// Like markDifferentBlocks() with blocks of 8, for differences above the tolerance.
+// Like markDifferentBlocks() with blocks of 8, for differences above the tolerance. The plain one
+// is the measure.
 void markDistantBlocks(const uint8_t* before, const uint8_t* after, int32_t bytes,
                        int32_t tolerance, uint8_t* distant);
 void markDistantBlocksPlain(const uint8_t* before, const uint8_t* after, int32_t bytes,
                             int32_t tolerance, uint8_t* distant);
-
-// Sets bit i % 64 of marks[i / 64] where the 16 samples from upper[i] on and those from lower[i] on
-// make an anchor, clears it elsewhere; i from 0 to count - 1. About one place in 256 is one, none
-// where the first 8 upper samples are equal. Reads count + 15 samples of each row.
-void markAnchors(const uint8_t* upper, const uint8_t* lower, int32_t count, uint64_t* marks);
-void markAnchorsPlain(const uint8_t* upper, const uint8_t* lower, int32_t count, uint64_t* marks);
 
 }  // namespace qora::client

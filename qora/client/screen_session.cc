@@ -64,17 +64,15 @@ int32_t ScreenSession::start(const SessionOptions& options) {
 }
 
 int32_t ScreenSession::restart() {
-  client_.stop();
   startAnew();
-  if (client_.start(options_.service) == -1) {
+  if (service_.start(options_.service) == -1) {
     const int error = errno;
     std::string what = options_.service.servicePath;
     if (!options_.service.sandboxPath.empty()) what += " with " + options_.service.sandboxPath;
     return refuse(error, "cannot start the service " + what + ": " + qora::errorText(error));
   }
-  isUp_ = true;
   for (const Slot& slot : streams_) {
-    if (slot) addToService(slot->settings());
+    if (slot) service_.addStream(slot->settings());
   }
   sendAllDue();
   return 1;
@@ -82,12 +80,11 @@ int32_t ScreenSession::restart() {
 
 int32_t ScreenSession::stop() {
   for (const Slot& slot : streams_) {
-    if (slot && isRunning()) note(client_.removeStream(static_cast<uint8_t>(slot->settings().id)));
+    if (slot) service_.removeStream(slot->settings().id);
   }
-  if (isAttached_ && isRunning()) note(client_.removeSegment(segment_.id()));
-  const int32_t result = client_.stop();
+  const int32_t result = service_.stop();
   startAnew();
-  return result == -1 ? refuse(EPIPE, client_.endText()) : result;
+  return result == -1 ? refuse(EPIPE, service_.endText()) : result;
 }
 
 // Nothing is in flight any more and no encoder knows anything.
@@ -99,9 +96,6 @@ void ScreenSession::startAnew() {
   for (Slot& slot : streams_) {
     if (slot) slot->startAnew();
   }
-  retired_.clear();
-  isAttached_ = isUp_ = false;
-  lossError_ = 0;
 }
 
 int32_t ScreenSession::addStream(const StreamSettings& settings) {
@@ -112,7 +106,7 @@ int32_t ScreenSession::addStream(const StreamSettings& settings) {
   }
   if (checkSettings(settings, problem) == -1) return refuse(EINVAL, problem);
   if (checkNothingAcquired() == -1 || layOut(settings) == -1) return -1;
-  addToService(settings);
+  service_.addStream(settings);
   return 1;
 }
 
@@ -140,41 +134,8 @@ int32_t ScreenSession::layOut(const StreamSettings& settings) {
     slot->cells().moveTo(segment.address(), start);
     start += slot->cells().bytes();
   }
-  // A segment goes with its last user, so ours stays until the service must have attached it.
-  if (isAttached_ && isAwaited(attachedAt_)) {
-    retired_.push_back({.segment = std::move(segment_), .attachedAt = attachedAt_});
-  }
-  segment_ = std::move(segment);
-  isAttached_ = false;
+  service_.setMemory(std::move(segment));
   return 1;
-}
-
-// Whether the reply to the frame of that number is still to come.
-bool ScreenSession::isAwaited(uint64_t frame) const {
-  return frame + sent_.size() >= framesSent_;
-}
-
-int32_t ScreenSession::attach() {
-  if (isAttached_) return 1;
-  const int32_t result = client_.attachSegment(segment_.id());
-  isAttached_ = result == 1;
-  attachedAt_ = framesSent_;
-  return result;
-}
-
-void ScreenSession::addToService(const StreamSettings& settings) {
-  if (!isRunning()) return;
-  const bool hasBitrate = settings.rateControl == RateControl::encoder;
-  const auto sideOf = [](int32_t side) { return static_cast<uint16_t>(side + side % 2); };
-  bitrateMode_ = hasBitrate;
-  note(client_.addStream({.flags = settings.startCodes ? service::kAnnexBFlag : uint8_t{0},
-                          .streamId = static_cast<uint8_t>(settings.id),
-                          .threads = static_cast<uint8_t>(settings.threads),
-                          .bitrate = static_cast<uint16_t>(hasBitrate ? settings.bitrate : 0),
-                          .qpMin = static_cast<uint8_t>(settings.lowestQuantizer),
-                          .qpMax = static_cast<uint8_t>(settings.highestQuantizer),
-                          .width = sideOf(settings.width),
-                          .height = sideOf(settings.height)}));
 }
 
 // Frames in flight belong to a stream that is no longer as it was.
@@ -188,7 +149,7 @@ void ScreenSession::outdate(int32_t stream, bool isWanted) {
 
 int32_t ScreenSession::removeStream(int32_t stream) {
   if (checkStream(stream) == -1 || checkNothingAcquired() == -1) return -1;
-  if (isRunning()) note(client_.removeStream(static_cast<uint8_t>(stream)));
+  service_.removeStream(stream);
   outdate(stream, false);
   streams_[static_cast<size_t>(stream)].reset();
   return 1;
@@ -202,8 +163,8 @@ int32_t ScreenSession::resize(int32_t stream, int32_t width, int32_t height) {
   std::string problem;
   if (checkSettings(changed, problem) == -1) return refuse(EINVAL, problem);
   if (checkNothingAcquired() == -1 || layOut(changed) == -1) return -1;
-  if (isRunning()) note(client_.removeStream(static_cast<uint8_t>(stream)));
-  addToService(changed);
+  service_.removeStream(stream);
+  service_.addStream(changed);
   return 1;
 }
 
@@ -216,8 +177,8 @@ int32_t ScreenSession::setBitrate(int32_t stream, int32_t bitrate) {
   if (bitrate == changed.settings().bitrate) return 1;
   changed.setBitrate(bitrate);
   if (control == RateControl::encoder && isRunning()) {
-    note(client_.removeStream(static_cast<uint8_t>(stream)));
-    addToService(changed.settings());
+    service_.removeStream(stream);
+    service_.addStream(changed.settings());
     changed.startAnew();
   }
   sendDue(stream);
@@ -361,7 +322,8 @@ bool ScreenSession::canSend(const ScreenStream& screen) const {
   const auto own = [&](const Sent& sent) {
     return sent.isCurrent && sent.stream == screen.settings().id;
   };
-  return isUp_ && std::count_if(sent_.begin(), sent_.end(), own) < screen.settings().framesInFlight;
+  return service_.isUp() &&
+         std::count_if(sent_.begin(), sent_.end(), own) < screen.settings().framesInFlight;
 }
 
 // Sends what the stream has to send now. 1 when that was something.
@@ -383,13 +345,9 @@ int32_t ScreenSession::send(ScreenStream& screen) {
   request.invalidate = frame.keyFrame ? 1 : 0;
   screen.cells().place(frame.cell, request);
   const auto at = Clock::now();
-  int32_t result = attach();
-  if (result == 1) {
-    result = client_.tryEncode(request, wireRectangles(screen, frame.rectangles), frame.copies);
+  if (service_.send(request, screen.settings().rateControl, frame.rectangles, frame.copies) != 1) {
+    return 0;
   }
-  note(result);
-  if (result != 1) return 0;
-  ++framesSent_;
   sent_.push_back({.stream = screen.settings().id,
                    .isCurrent = true,
                    .isWanted = true,
@@ -398,31 +356,12 @@ int32_t ScreenSession::send(ScreenStream& screen) {
   return 1;
 }
 
-// Outside its bitrate mode, which the stream added last decides for all, the service takes 1 off
-// every offset; the encoders of constant quality are set up for that, those with a bitrate are not.
-std::span<const service::Rectangle> ScreenSession::wireRectangles(
-    const ScreenStream& screen, const std::vector<service::Rectangle>& rectangles) {
-  const bool hasBitrate = screen.settings().rateControl == RateControl::encoder;
-  if (hasBitrate == bitrateMode_) return rectangles;
-  shifted_ = rectangles;
-  for (service::Rectangle& rectangle : shifted_) {
-    rectangle.quantizerOffset =
-        static_cast<int8_t>(rectangle.quantizerOffset + (hasBitrate ? 1 : -1));
-  }
-  return shifted_;
-}
-
 // What the service wrote: the reply to the frame sent first. 0: it is not there.
 int32_t ScreenSession::takeFrame(CodedFrame& frame) {
   while (true) {
-    const int32_t result = client_.readReply(reply_, 0);
-    if (result != 1 || sent_.empty()) {
-      note(result);
-      return 0;
-    }
+    if (service_.readReply(reply_) != 1 || sent_.empty()) return 0;
     Sent sent = std::move(sent_.front());
     sent_.pop_front();
-    while (!retired_.empty() && !isAwaited(retired_.front().attachedAt)) retired_.pop_front();
     const int32_t quantizer =
         reply_.fields.quantizer == service::kUnknownQuantizer ? -1 : reply_.fields.quantizer;
     const bool keyFrame = reply_.fields.keyFrame != 0;
@@ -465,16 +404,12 @@ int32_t ScreenSession::readFrame(CodedFrame& frame, int32_t timeout) {
 }
 
 int32_t ScreenSession::process() {
-  int32_t ready = 0;
-  if (isRunning()) {
-    ready = client_.process();
-    note(ready);
-    checkReplyTime();
-    sendAllDue();
-  }
-  if (lossError_ == 0) return ready;
+  const int32_t ready = service_.process();
+  checkReplyTime();
+  sendAllDue();
+  if (service_.lossError() == 0) return ready;
   // What it answered before its end can still be read.
-  return client_.pendingReplies() > 0 ? client_.pendingReplies() : tellLoss();
+  return service_.pendingReplies() > 0 ? service_.pendingReplies() : tellLoss();
 }
 
 void ScreenSession::sendAllDue() {
@@ -482,7 +417,7 @@ void ScreenSession::sendAllDue() {
 }
 
 int32_t ScreenSession::timeout() const {
-  if (lossError_ != 0) return 0;
+  if (service_.lossError() != 0) return 0;
   if (!isRunning()) return -1;
   int32_t result = -1;
   const Time present = now();
@@ -498,30 +433,15 @@ int32_t ScreenSession::timeout() const {
 void ScreenSession::checkReplyTime() {
   if (sent_.empty() || options_.replyTimeout.count() == 0 || !isRunning()) return;
   if (Clock::now() - sent_.front().at < options_.replyTimeout) return;
-  client_.stop(0);
-  noteLoss(ETIMEDOUT, "the service did not answer for " +
-                          std::to_string(options_.replyTimeout.count()) + " milliseconds");
-}
-
-// The result of a call of the client: checks were made, so -1 means that the service is gone.
-void ScreenSession::note(int32_t result) {
-  if (result != -1) return;
-  const int error = errno;
-  const bool hasText = !client_.endText().empty();
-  noteLoss(error, hasText ? client_.endText() : qora::errorText(error));
-}
-
-void ScreenSession::noteLoss(int error, const std::string& problem) {
-  if (!isUp_) return;
-  isUp_ = false;
-  lossError_ = error;
-  lossText_ = problem;
+  service_.giveUp(ETIMEDOUT, "the service did not answer for " +
+                                 std::to_string(options_.replyTimeout.count()) + " milliseconds");
 }
 
 int32_t ScreenSession::tellLoss() {
-  const int error = lossError_;
+  std::string problem;
+  const int error = service_.takeLoss(problem);
   startAnew();
-  return refuse(error, lossText_);
+  return refuse(error, problem);
 }
 
 }  // namespace qora::client

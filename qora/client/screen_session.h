@@ -43,11 +43,10 @@
 #include <string>
 #include <vector>
 
-#include "qora/client/codec_client.h"
 #include "qora/client/damage.h"
 #include "qora/client/picture.h"
 #include "qora/client/screen_stream.h"
-#include "qora/client/shared_segment.h"
+#include "qora/client/service_link.h"
 #include "qora/client/stream_settings.h"
 #include "qora/service/wire/messages.h"
 
@@ -97,7 +96,7 @@ class ScreenSession {
   // Ends the service in order: frames in flight are dropped, settings and pictures stay.
   // 1 when it ended with status 0, 0 when none ran, -1 otherwise, errorText() says how.
   int32_t stop();
-  bool isRunning() const { return client_.isRunning(); }
+  bool isRunning() const { return service_.isRunning(); }
 
   // The settings. They hold at once, or from the next start on. EINVAL for a value that is not as
   // stated above, ENOENT for a stream that is not in use, EBUSY for one that is; EBUSY also while a
@@ -160,7 +159,7 @@ class ScreenSession {
   // that readFrame() has, or -1 as there.
   int32_t process();
   // Readable when process() has something to do; -1 without a service.
-  int32_t replyDescriptor() const { return client_.replyDescriptor(); }
+  int32_t replyDescriptor() const { return service_.replyDescriptor(); }
   // Milliseconds until it has by itself, for poll(2); -1: never.
   int32_t timeout() const;
   // Frames sent and not yet read.
@@ -180,10 +179,6 @@ class ScreenSession {
     Clock::time_point at;
     PlannedFrame frame;
   };
-  struct Retired {
-    SharedSegment segment;
-    uint64_t attachedAt;
-  };
 
   int32_t refuse(int error, const std::string& problem);
   int32_t checkStream(int32_t stream);
@@ -192,45 +187,25 @@ class ScreenSession {
   int32_t acquiredCell(int32_t stream, const Picture& picture);
   Time now() const;
 
-  // The service and what it knows.
   int32_t layOut(const StreamSettings& settings);
-  bool isAwaited(uint64_t frame) const;
-  int32_t attach();
-  void addToService(const StreamSettings& settings);
   void outdate(int32_t stream, bool isWanted);
   void startAnew();
-  // Frames.
   int32_t give(int32_t stream, int32_t cell, const Damage& changed,
                std::span<const service::RegionCopy> copies);
   bool canSend(const ScreenStream& screen) const;
   int32_t sendDue(int32_t stream);
   void sendAllDue();
   int32_t send(ScreenStream& screen);
-  std::span<const service::Rectangle> wireRectangles(
-      const ScreenStream& screen, const std::vector<service::Rectangle>& rectangles);
   int32_t takeFrame(CodedFrame& frame);
-  // The service's end.
-  void note(int32_t result);
-  void noteLoss(int error, const std::string& problem);
   void checkReplyTime();
   int32_t tellLoss();
 
   SessionOptions options_;
-  SharedSegment segment_;
-  CodecClient client_;
+  ServiceLink service_;
   std::array<Slot, service::kStreamCount> streams_;
   std::deque<Sent> sent_;
-  uint64_t framesSent_ = 0;
-  bool isAttached_ = false;  // the service was told of the segment,
-  uint64_t attachedAt_ = 0;  // before the frame of this number
-  std::deque<Retired> retired_;
-  bool isUp_ = false;         // started, and not known to be gone
-  bool bitrateMode_ = false;  // the service's flag: the stream added last has the encoder's bitrate
-  int lossError_ = 0;         // not 0: the service is gone and nobody was told yet
-  std::string lossText_;
   Reply reply_;
   Damage given_;  // of the picture being given; a member for its memory
-  std::vector<service::Rectangle> shifted_;
   std::string errorText_;
 };
 
