@@ -55,7 +55,10 @@ Bytes encoded(const Variant& variant) {
   AVPacket* packet = av_packet_alloc();
   EXPECT_EQ(0, avcodec_open2(encoder, encoder->codec, &dictionary));
   EXPECT_EQ(0, av_frame_get_buffer(frame, 0));
-  for (int plane = 0; plane < 3; ++plane) std::fill_n(frame->data[plane], 1000, uint8_t{99});
+  // Samples of 10 bits have two bytes: both of them 2 are in range, most other values are not.
+  for (int plane = 0; plane < 3; ++plane) {
+    std::fill_n(frame->buf[plane]->data, frame->buf[plane]->size, uint8_t{2});
+  }
   EXPECT_EQ(0, avcodec_send_frame(encoder, frame));
   EXPECT_EQ(0, avcodec_send_frame(encoder, nullptr));
   EXPECT_EQ(0, avcodec_receive_packet(encoder, packet));
