@@ -56,8 +56,8 @@ Bytes encoded(const Variant& variant) {
   EXPECT_EQ(0, avcodec_open2(encoder, encoder->codec, &dictionary));
   EXPECT_EQ(0, av_frame_get_buffer(frame, 0));
   // Samples of 10 bits have two bytes: both of them 2 are in range, most other values are not.
-  for (int plane = 0; plane < 3; ++plane) {
-    std::fill_n(frame->buf[plane]->data, frame->buf[plane]->size, uint8_t{2});
+  for (const AVBufferRef* memory : frame->buf) {
+    if (memory != nullptr) std::fill_n(memory->data, memory->size, uint8_t{2});
   }
   EXPECT_EQ(0, avcodec_send_frame(encoder, frame));
   EXPECT_EQ(0, avcodec_send_frame(encoder, nullptr));
