@@ -8,21 +8,18 @@
 // read, compared or encoded.
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <deque>
 #include <memory>
-#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "qora/capture/screen.h"
-#include "qora/client/damage.h"
 #include "qora/client/screen_session.h"
 #include "qora/tools/serve/pointer_watch.h"
 #include "qora/tools/serve/reactor.h"
 #include "qora/tools/serve/screen_input.h"
+#include "qora/tools/serve/screen_lines.h"
 #include "qora/tools/serve/serve_options.h"
 #include "qora/tools/serve/tokens.h"
 #include "qora/tools/serve/viewer_flow.h"
@@ -38,8 +35,8 @@ class Broadcast final : public WebListener {
   // 1, or -1 with a line of words in problem().
   [[nodiscard]] int32_t open();
   // Set when the screen is gone or cannot be served any more: the program ends.
-  bool isOver() const { return over_; }
-  const std::string& problem() const { return problem_; }
+  bool isOver() const { return lines_.isOver(); }
+  const std::string& problem() const { return problem_.empty() ? lines_.problem() : problem_; }
 
   void opened(Connection& connection) override;
   void received(Connection& connection, std::string_view text) override;
@@ -66,37 +63,24 @@ class Broadcast final : public WebListener {
     bool mayControl = false;
     bool toldLate = false;
   };
-  // One encoder's stream, by its id.
-  struct Line {
-    bool open = false;
-    client::Damage pending;  // drawn on and not encoded
-    int64_t keyAt = 0;       // when a key frame was last asked for
-    int64_t rate = 0;        // bytes a second, as the session was told
-  };
   static constexpr int32_t kFast = 0;
   static constexpr int32_t kSlow = 1;
 
   void step();
-  void takeDamage();
-  void followSize();
-  void encodeReady(int64_t now);
-  void encodeLines(std::span<const int32_t> lines);
   void takeFrames();
   void deliver(const client::CodedFrame& frame);
-  void restartService(int64_t now);
   void askForKeys(int64_t now);
   void watchPointer(int64_t now);
   void everySecond(int64_t now);
   void arrangeLines(int64_t now);
   void setRate(int32_t line);
   void moveTo(Viewer& viewer, int32_t line, int64_t now);
-  int32_t openLine(int32_t line);
   void setTimer(int64_t now);
-  void end(const std::string& problem);
 
   Viewer* viewerOf(Connection& connection) { return static_cast<Viewer*>(connection.owner); }
   bool isWatched(int32_t line) const;
-  int32_t watching() const;
+  ScreenLines::Watched watched() const;
+  bool isAnyWatched() const { return isWatched(kFast) || isWatched(kSlow); }
   void letIn(Viewer& viewer, std::string_view token);
   void understand(Viewer& viewer, std::string_view word, std::string_view rest);
   bool control(Viewer& viewer, std::string_view word, std::string_view rest);
@@ -106,36 +90,25 @@ class Broadcast final : public WebListener {
   void askLine(Viewer& viewer, int64_t now);
   void tellLate(Viewer& viewer);
   void tellScreen(Viewer& viewer);
+  void tellScreens();
 
   const ServeOptions& options_;
   const Tokens& tokens_;
   Reactor& reactor_;
-  std::unique_ptr<capture::Screen> screen_;
-  client::ScreenSession session_;
-  int32_t watchedReplies_ = -1;  // the session's descriptor that the reactor has
+  ScreenLines lines_;
+  int32_t watchedReplies_ = -1;  // the service's descriptor that the reactor has
   ScreenInput input_;
   PointerWatch pointer_;
   bool hasPointer_ = false;
   Viewer* controller_ = nullptr;
 
-  capture::ScreenSize size_{};
-  std::array<Line, 2> lines_;
   std::vector<std::unique_ptr<Viewer>> viewers_;
-  int64_t nextPicture_ = 0;
   int64_t nextPointer_ = 0;
   int64_t pointerMoved_ = 0;
   int64_t nextSecond_ = 0;
-  int64_t restartAt_ = 0;  // 0: the service runs
-  int64_t restartWait_ = 0;
-  bool over_ = false;
   std::string problem_;
 
-  // Used again for every picture.
-  std::vector<capture::Area> areas_;
-  std::vector<capture::Piece> pieces_;
-  std::vector<service::Rectangle> rectangles_;
-  client::CodedFrame frame_;
-  std::vector<uint8_t> rewritten_;
+  client::CodedFrame frame_;  // used again for every one
 };
 
 }  // namespace qora::serve
