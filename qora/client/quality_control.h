@@ -83,11 +83,9 @@ class QualityControl {
   //             it is in the plan: clear it.
   //   picture   of the size given to reset().
   //   before    the last picture encoded, where it is still there. What only moved from it is
-  //   cheap,
-  //             and is then not coded coarsely for fear that it were not. Null: not known.
+  //             cheap, and is then not coded coarsely for fear that it were not. Null: not known.
   //   copies    what moved, exactly, from the last picture encoded: destinations of whole cells.
-  //   Some
-  //             may be left out of the plan: what would copy a coarse part is coded instead.
+  //             Some may be left out of the plan: what would copy a coarse part is coded instead.
   //   keyFrame  a frame that stands alone is wanted; ask until plan.keyFrame.
   // Costs microseconds for a typed letter, about a millisecond for all of 1920x1080.
   void plan(Time now, const Damage& changed, const Picture& picture, const Picture* before,
