@@ -109,10 +109,12 @@ class Screen:
 
 
 class Viewer:
-    """A viewer of our own on a thread, which acknowledges as a page does."""
+    """A viewer of our own on a thread, which acknowledges as a page does, or as one whose decoder
+    is stuck."""
 
-    def __init__(self, connection):
+    def __init__(self, connection, stuck=False):
         self.connection, self.frames, self.bytes, self.times = connection, 0, 0, [time.monotonic()]
+        self.stuck = stuck
         self.boxes = set()
         threading.Thread(target=self.collect, daemon=True).start()
 
@@ -125,7 +127,9 @@ class Viewer:
                     self.bytes += len(data)
                     self.boxes.add(data[-8:])
                     self.times.append(time.monotonic())
-                if kind == websocket.ABNF.OPCODE_BINARY or data.startswith(b"line"):
+                if data.startswith(b"line"):
+                    self.connection.send(f"ack {0 if self.stuck else self.frames}")
+                elif kind == websocket.ABNF.OPCODE_BINARY and not self.stuck:
                     self.connection.send(f"ack {self.frames}")
         except (websocket.WebSocketException, OSError):
             pass

@@ -167,6 +167,23 @@ def test_twenty_viewers_see_the_same(serve, screen):
     assert len(seen) <= 3  # frames that came while others still had their key frame
 
 
+@pytest.mark.parametrize("join", [lambda socket: socket, lambda socket: Viewer(socket, stuck=True)],
+                         ids=["says nothing", "answers but shows nothing"])
+def test_who_shows_no_frame_holds_nobody_up(serve, screen, join):
+    server = serve("--max-rate", "100")
+    viewer = Viewer(server.socket())
+    kept = []
+    for _ in range(4):  # each gets a key frame that is never acknowledged
+        screen.scribble(seconds=1.1)
+        kept.append(join(server.socket()))
+    before = viewer.frames
+
+    def goes_on():
+        screen.scribble(seconds=0.1)
+        return viewer.frames > before + 20
+    eventually(goes_on)
+
+
 def test_the_secrets_stay_good_in_a_file(serve, screen, tmp_path):
     path = tmp_path / "tokens"
     tokens = [serve("--tokens", path).token for _ in range(2)]

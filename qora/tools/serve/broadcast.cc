@@ -15,7 +15,7 @@ using Time = ViewerFlow::Time;
 
 // Times are in microseconds.
 constexpr int64_t kSecond = 1'000'000;
-constexpr int64_t kStalled = kSecond;           // without a word from a viewer: no one waits for it
+constexpr int64_t kStalled = kSecond;           // no frame is acknowledged: no one waits for it
 constexpr int64_t kMoveInterval = 5 * kSecond;  // a viewer stays on a line for so long
 constexpr int64_t kStartRate = 4'000'000 / 8;
 constexpr int64_t kMovingPointer = 30'000;
@@ -32,7 +32,7 @@ Broadcast::Viewer::Viewer(Connection& to, const ServeOptions& options)
       flow(options.fps, client::LinkRate(std::min(kStartRate, bytesASecond(options.maxRate)),
                                          bytesASecond(options.maxRate))),
       openedAt(Reactor::now()),
-      heardAt(openedAt),
+      doneAt(openedAt),
       askedAt(0),
       movedAt(openedAt) {}
 
@@ -100,7 +100,7 @@ void Broadcast::deliver(const client::CodedFrame& frame) {
       continue;
     }
     if (message == nullptr) message = frameMessage(frame, lines_.size());
-    if (viewer->frames.empty()) viewer->heardAt = now;
+    if (viewer->frames.empty()) viewer->doneAt = now;
     viewer->frames.push_back(shared);
     ++shared->waiting;
     viewer->connection.send(message);
@@ -208,13 +208,13 @@ void Broadcast::acknowledge(Viewer& viewer, int64_t count, int64_t now) {
   if (viewer.flow.acknowledged(count, Time(now)) == -1) {
     return viewer.connection.cut("it acknowledges what it was not sent");
   }
-  viewer.heardAt = now;
   const int64_t done = before - viewer.flow.link().unacknowledged();
   if (done == 0) {
     if (viewer.askedAt != 0) viewer.flow.link().probed(Time(now), Time(now - viewer.askedAt));
     viewer.askedAt = 0;
     return;
   }
+  viewer.doneAt = now;
   for (int64_t left = done; left > 0; --left) {
     arrived(viewer.frames.front());
     viewer.frames.pop_front();
@@ -275,7 +275,7 @@ void Broadcast::everySecond(int64_t now) {
       viewer->connection.cut("it did not log in");
     }
     if (viewer->line == -1) continue;
-    if (!viewer->frames.empty() && now - viewer->heardAt > kStalled) {
+    if (!viewer->frames.empty() && now - viewer->doneAt > kStalled) {
       viewer->flow.needKey();
       dropFrames(*viewer);
       tellLate(*viewer);
@@ -334,7 +334,7 @@ void Broadcast::setRate(int32_t line) {
   for (const auto& viewer : viewers_) {
     if (viewer->line != line) continue;
     ofAll = std::min(ofAll, viewer->flow.link().rate());
-    if (!viewer->flow.isLate()) inTime = std::min(inTime, viewer->flow.link().rate());
+    if (viewer->keepsUp()) inTime = std::min(inTime, viewer->flow.link().rate());
   }
   lines_.setRate(line, inTime == INT64_MAX ? ofAll : std::min(most, inTime));
 }

@@ -51,12 +51,13 @@ class Broadcast final : public WebListener {
   };
   struct Viewer {
     Viewer(Connection& to, const ServeOptions& options);
+    bool keepsUp() const { return !flow.isLate() && (frames.empty() || frames.front() != nullptr); }
 
     Connection& connection;
     ViewerFlow flow;
     std::deque<std::shared_ptr<Shared>> frames;  // unacknowledged; null: nobody waits for it
     int64_t openedAt;
-    int64_t heardAt;    // the last acknowledgement
+    int64_t doneAt;     // a frame was acknowledged last, or sent with none on the way
     int64_t askedAt;    // for one that is no frame's; 0: not asked
     int64_t movedAt;    // to another line
     int32_t line = -1;  // -1: not let in yet
