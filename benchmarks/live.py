@@ -22,12 +22,12 @@ import time
 
 SCENE, SERVER, SECONDS, ROUNDS = sys.argv[1], int(sys.argv[2]), float(sys.argv[3]), int(sys.argv[4])
 BUILD = pathlib.Path(os.environ.get("QORA_BUILD", "build/release"))
-QORA = f"{BUILD}/qora-record --quiet --fps 25 --key-interval 0 -o"
+QORA = f"{BUILD}/qora-record --quiet --fps 25 --key-interval 0 --threads 1 -o"
 PROGRAMS = {  # a command that writes to the file it ends with
     "ffmpeg": f"ffmpeg -nostdin -v quiet -y -f x11grab -framerate 25 -video_size 1920x1080 -i "
               f"{os.environ['DISPLAY']} -pix_fmt yuv420p -c:v libx264 -preset ultrafast -tune "
               "zerolatency -profile:v baseline -x264-params "
-              "keyint=infinite:scenecut=0:aq-mode=1:threads=1 -flush_packets 1 -f h264",
+              "keyint=infinite:scenecut=0:aq-mode=1:threads=1:crf=8 -flush_packets 1 -f h264",
     "qora-record": QORA,
     "qora-record, moves": QORA,
 }
