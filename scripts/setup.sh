@@ -20,7 +20,7 @@ declare -rA groups=(
   [tests]="
     pkg-config
     libgtest-dev libgmock-dev python3-pytest
-    libavcodec-dev libavutil-dev libswscale-dev
+    libavformat-dev libavcodec-dev libavutil-dev libswscale-dev
     ffmpeg xvfb xterm xdotool x11-apps x11-xserver-utils sway foot grim
     git strace bubblewrap" # recordings of a real screen
   [packages]="scdoc dpkg-dev lintian" # manual pages, and what cpack and its checks call
