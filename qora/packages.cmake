@@ -57,13 +57,13 @@ set(CPACK_DEBIAN_SESSION_PACKAGE_CONTROL_EXTRA
   ${PROJECT_BINARY_DIR}/debian/triggers ${PROJECT_BINARY_DIR}/debian/shlibs)
 qora_package(client libqora-client-dev libdevel "qora-codec ${same}, libqora-session0 ${same}"
   "parent's side of qora-codec"
-  "Starts the codec service, speaks to it, keeps pictures, damage,\nquality and bandwidth in order. Static libraries, the C library\nlibqora-session, headers, CMake and pkg-config files.")
+  "Starts the codec service, speaks to it, keeps pictures, damage, quality and\nbandwidth in order. Static libraries, the C library libqora-session, headers,\nCMake and pkg-config files.")
 qora_package(tools qora-tools video "qora-codec ${same}"
   "programs that encode and show screens with qora-codec"
-  "Command-line programs over the codec service.")
+  "qora-encode makes H.264 of clips, qora-record records what an X server or a\nWayland compositor shows, qora-view plays and verifies such streams in a\nwindow, qora-serve shows a live screen in browsers.")
 qora_package(doc qora-codec-doc doc ""
   "documents of qora-codec"
-  "The protocol, how a parent is written, what is measured and promised.")
+  "The protocol of the codec service with every byte, how a parent is written\nin C++, C and other languages, tuning and serving, what is measured and\npromised; examples, a systemd unit and a recipe for a container image.")
 set(CPACK_DEBIAN_CLIENT_PACKAGE_SHLIBDEPS OFF)
 set(CPACK_DEBIAN_DOC_PACKAGE_ARCHITECTURE all)
 set(CPACK_DEBIAN_DOC_PACKAGE_SHLIBDEPS OFF)
