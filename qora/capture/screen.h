@@ -56,7 +56,7 @@ class Screen {
 
   // Takes in what happened; never waits for damage. 1: there is some. To be called before each
   // wait, since reading may have taken events in. Only here the picture's size changes; all of the
-  // new picture is damaged then.
+  // new picture is damaged then. -1 with errno: there is nothing to see any more, now or later.
   [[nodiscard]] virtual int32_t dispatch() = 0;
   virtual ScreenSize size() const = 0;
 

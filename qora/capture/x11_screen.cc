@@ -159,11 +159,14 @@ int32_t X11Screen::nextLook() const {
 
 int32_t X11Screen::dispatch() {
   takeEvents();
-  if (moved_ && lookAgain() == -1) return -1;
   xcb_connection_t* connection = connection_.get();
   if (options_.pointer && !drawn_ && pointer_.isLookDue()) {
     pointer_.take(connection, ::xcb_xfixes_get_cursor_image(connection));
     takeEvents();
+  }
+  // To look takes in what has happened since, the window's end for instance.
+  while (moved_ || closed_) {
+    if (lookAgain() == -1) return -1;
   }
   ::xcb_flush(connection);
   if (::xcb_connection_has_error(connection) != 0) return lost();
@@ -221,6 +224,7 @@ int32_t X11Screen::findWindow(xcb_get_geometry_cookie_t geometry,
       ::xcb_translate_coordinates_reply(connection, place, nullptr));
   if (::xcb_connection_has_error(connection) != 0) return lost();
   if (closed_ || size == nullptr || corner == nullptr) {
+    closed_ = true;  // whoever asks again is told again
     problem_ = "the window was closed";
     errno = EPIPE;
     return -1;
