@@ -49,7 +49,7 @@ struct Run {
 // Marks the macroblocks that differ in a plane from what stands (x, y) samples on in `before`.
 void markDifferent(const MoveSearch& search, const Run& run, int32_t plane, int32_t x, int32_t y,
                    uint8_t* different) {
-  const auto& [before, after, unfit, tolerance] = search;
+  const auto& [before, after, tolerance] = search;
   const int32_t side = plane == 0 ? kMacroblockSize : kMacroblockSize / 2;
   const int32_t left = run.first * side;
   for (int32_t top = run.row * side; top < (run.row + 1) * side; ++top) {
@@ -63,15 +63,6 @@ void markDifferent(const MoveSearch& search, const Run& run, int32_t plane, int3
     }
     if (std::memchr(different, 0, static_cast<size_t>(run.cells)) == nullptr) return;
   }
-}
-
-// Whether a macroblock at this place, aligned or not, touches a marked one.
-bool touches(const Damage& cells, int32_t x, int32_t y) {
-  const int32_t right = (x + kMacroblockSize - 1) / kMacroblockSize;
-  const int32_t bottom = (y + kMacroblockSize - 1) / kMacroblockSize;
-  return cells.test(x / kMacroblockSize, y / kMacroblockSize) ||
-         cells.test(right, y / kMacroblockSize) || cells.test(x / kMacroblockSize, bottom) ||
-         cells.test(right, bottom);
 }
 
 // The macroblocks among `cells` that are whole, may be copied and have the samples of their source
@@ -94,10 +85,7 @@ Damage equalCells(const MoveSearch& search, const MoveWay& way, const Damage& ce
                     plane == 0 ? way.dy : chromaY, different.data());
     }
     for (int32_t column = first; column < first + run.cells; ++column) {
-      const bool fit =
-          search.unfit == nullptr || !touches(*search.unfit, column * kMacroblockSize + way.dx,
-                                              row * kMacroblockSize + way.dy);
-      if (fit && different[static_cast<size_t>(column - first)] == 0) equal.set(column, row);
+      if (different[static_cast<size_t>(column - first)] == 0) equal.set(column, row);
     }
   });
   return equal;
@@ -106,7 +94,7 @@ Damage equalCells(const MoveSearch& search, const MoveWay& way, const Damage& ce
 // The ways to go a distance with the macroblocks for which each is exact in chroma, the best first.
 std::vector<MoveWay> waysOf(const MoveSearch& search, const MoveDistance& distance,
                             const Damage& cells) {
-  const MoveSearch exact = {search.before, search.after, nullptr, 0};
+  const MoveSearch exact = {search.before, search.after, 0};
   std::vector<MoveWay> ways;
   for (const uint8_t flags : flagChoices(distance)) {
     MoveWay way = {distance.dx, distance.dy, flags, {}, {}};
@@ -117,6 +105,90 @@ std::vector<MoveWay> waysOf(const MoveSearch& search, const MoveDistance& distan
     return a.cells.count() > b.cells.count();
   });
   return ways;
+}
+
+// Whether a copy makes its destination what it is, to the tolerance.
+bool isRight(const MoveSearch& search, const service::RegionCopy& copy) {
+  const auto& [before, after, tolerance] = search;
+  if (faultOf(copy, after.width, after.height) != nullptr) return false;
+  for (int32_t plane = 0; plane < 3; ++plane) {
+    const CopyBlock block = blockOf(copy, plane);
+    for (int32_t row = 0; row < block.height; ++row) {
+      const uint8_t* from =
+          before.plane[plane] + ptrdiff_t{block.fromY + row} * before.stride[plane] + block.fromX;
+      const uint8_t* to =
+          after.plane[plane] + ptrdiff_t{block.toY + row} * after.stride[plane] + block.toX;
+      const bool within = plane == 0 || tolerance == 0
+                              ? std::memcmp(from, to, static_cast<size_t>(block.width)) == 0
+                              : std::equal(to, to + block.width, from,
+                                           [tolerance = tolerance](uint8_t a, uint8_t b) {
+                                             return std::abs(a - b) <= tolerance;
+                                           });
+      if (!within) return false;
+    }
+  }
+  return true;
+}
+
+// What moved does not end where a macroblock does. Two pixels at a time, on each side.
+void grow(const MoveSearch& search, service::RegionCopy& copy) {
+  const struct {
+    bool before, vertical;
+  } sides[] = {{true, true}, {false, true}, {true, false}, {false, false}};
+  for (const auto& [before, vertical] : sides) {
+    uint16_t service::RegionCopy::*const source =
+        vertical ? &service::RegionCopy::sourceY : &service::RegionCopy::sourceX;
+    uint16_t service::RegionCopy::*const destination =
+        vertical ? &service::RegionCopy::destinationY : &service::RegionCopy::destinationX;
+    uint16_t service::RegionCopy::*const length =
+        vertical ? &service::RegionCopy::height : &service::RegionCopy::width;
+    for (int32_t step = 0; step < kMacroblockSize / 2; ++step) {
+      service::RegionCopy strip = copy;
+      const int32_t start = before ? -2 : copy.*length;
+      strip.*source = static_cast<uint16_t>(strip.*source + start);
+      strip.*destination = static_cast<uint16_t>(strip.*destination + start);
+      strip.*length = 2;
+      if (!isRight(search, strip)) break;
+      copy.*length = static_cast<uint16_t>(copy.*length + 2);
+      if (!before) continue;
+      copy.*source = strip.*source;
+      copy.*destination = strip.*destination;
+    }
+  }
+}
+
+// Whether one copy makes all of the other as well.
+bool contains(const service::RegionCopy& one, const service::RegionCopy& other) {
+  return one.flags == other.flags &&
+         one.sourceX - one.destinationX == other.sourceX - other.destinationX &&
+         one.sourceY - one.destinationY == other.sourceY - other.destinationY &&
+         one.destinationX <= other.destinationX && one.destinationY <= other.destinationY &&
+         one.destinationX + one.width >= other.destinationX + other.width &&
+         one.destinationY + one.height >= other.destinationY + other.height;
+}
+
+// Marks the macroblocks in which a copy would change a plane of the picture.
+void markUnequal(const Picture& before, const Picture& picture, const service::RegionCopy& copy,
+                 int32_t plane, Damage& unequal) {
+  const CopyBlock block = blockOf(copy, plane);
+  const int32_t side = plane == 0 ? kMacroblockSize : kMacroblockSize / 2;
+  const int32_t head = std::min((side - block.toX % side) % side, block.width);
+  std::vector<uint8_t> different(static_cast<size_t>(block.width / side + 2));
+  for (int32_t row = 0; row < block.height; ++row) {
+    const int32_t y = block.toY + row;
+    const uint8_t* from =
+        before.plane[plane] + ptrdiff_t{block.fromY + row} * before.stride[plane] + block.fromX;
+    const uint8_t* to = picture.plane[plane] + ptrdiff_t{y} * picture.stride[plane] + block.toX;
+    markDifferentBlocks(from, to, head, side, different.data());
+    markDifferentBlocks(from + head, to + head, block.width - head, side, different.data() + 1);
+    if (y % side != side - 1 && row != block.height - 1) continue;
+    for (size_t at = 0; at < different.size(); ++at) {
+      if (different[at] == 0) continue;
+      const auto next = static_cast<int32_t>(at) - 1;
+      unequal.set(at == 0 ? block.toX / side : (block.toX + head) / side + next, y / side);
+      different[at] = 0;
+    }
+  }
 }
 
 // The smallest rectangle around the macroblocks.
@@ -191,7 +263,7 @@ void MoveDetector::fill(const MoveSearch& search, MoveWay& way) {
   way.filled.add(equalCells(search, way, spare, {0, 1, 2}));
 }
 
-void MoveDetector::listCopies(Moves& moves) {
+void MoveDetector::listCopies(const MoveSearch& search, Moves& moves) {
   candidates_.clear();
   for (const MoveWay& way : ways_) {
     // The fewer rectangles: with what stands between the macroblocks, or without.
@@ -203,10 +275,13 @@ void MoveDetector::listCopies(Moves& moves) {
   std::partial_sort(candidates_.begin(), candidates_.begin() + most, candidates_.end(),
                     [](const Candidate& a, const Candidate& b) { return a.cells > b.cells; });
   candidates_.resize(static_cast<size_t>(most));
-  for (const Candidate& candidate : candidates_) {
-    const service::RegionCopy& copy = candidate.copy;
-    moves.copies.push_back(copy);
-    moves.covered.add({copy.destinationX, copy.destinationY, copy.width, copy.height});
+  for (Candidate& candidate : candidates_) {
+    const auto isMade = [&candidate](const service::RegionCopy& made) {
+      return contains(made, candidate.copy);
+    };
+    if (std::any_of(moves.copies.begin(), moves.copies.end(), isMade)) continue;
+    grow(search, candidate.copy);
+    moves.copies.push_back(candidate.copy);
   }
 }
 
@@ -235,38 +310,37 @@ bool MoveDetector::matchAll(const MoveSearch& search, Damage& remaining) {
 }
 
 int32_t MoveDetector::find(const Picture& before, const Picture& after, const Damage& changed,
-                           const Damage* unfit, Moves& moves, int32_t tolerance) {
+                           Moves& moves, int32_t tolerance) {
   assert(before.width == after.width && before.height == after.height);
   assert(changed.width() == after.width && changed.height() == after.height);
   moves.copies.clear();
-  moves.covered.resize(after.width, after.height);
   moves.remaining = changed;
   if (changed.count() < kFewestMoved) return 0;
-  const MoveSearch search = {before, after, unfit, tolerance};
-  // What scrolls on goes as far as it went, and leaves as little as it left.
-  matchAll(search, moves.remaining);
+  const MoveSearch search = {before, after, tolerance};
+  // What scrolls on goes as far as it went, and leaves about as much as it left.
+  const bool anyMoved = matchAll(search, moves.remaining);
   const int32_t left = moves.remaining.count();
-  if (left > changed.count() / 16 || left > 2 * unexplained_) {
+  const bool isAsBefore = std::abs(left - unexplained_) <= unexplained_ / 4;
+  const bool isLittle = left <= changed.count() / 16 && left <= 2 * unexplained_;
+  if (!anyMoved || !(isAsBefore || isLittle)) {
     distances_.find(before, after, changed);
     moves.remaining = changed;
     if (!matchAll(search, moves.remaining)) distances_.forget();
     unexplained_ = moves.remaining.count();
   }
-  listCopies(moves);
+  listCopies(search, moves);
   moves.remaining = changed;
-  moves.remaining.subtract(moves.covered);
+  removeCopied(before, after, moves.copies, moves.remaining);
   return changed.count() - moves.remaining.count();
 }
 
 int32_t adoptMoves(const Picture& before, const Picture& picture, const Moves& moves,
                    Damage& owed) {
   Damage unequal(picture.width, picture.height);
+  Damage cells = unequal;
   for (const service::RegionCopy& copy : moves.copies) {
-    const MoveWay way = {
-        copy.sourceX - copy.destinationX, copy.sourceY - copy.destinationY, copy.flags, {}, {}};
-    Damage cells(picture.width, picture.height);
-    cells.add({copy.destinationX, copy.destinationY, copy.width, copy.height});
-    cells.subtract(equalCells({before, picture, nullptr, 0}, way, cells, {1, 2}));
+    cells.clear();
+    for (const int32_t plane : {1, 2}) markUnequal(before, picture, copy, plane, cells);
     if (!cells.isEmpty()) copyRegions(before, picture, {&copy, 1}, 1);
     unequal.add(cells);
   }

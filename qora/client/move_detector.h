@@ -1,17 +1,16 @@
 // SPDX-License-Identifier: BSD-2-Clause
-// qora/client/move_detector.h -- What moved from one picture to the next, as exact copies of whole
-// macroblocks: text that scrolls, in any direction, and windows that are dragged.
+// qora/client/move_detector.h -- What moved from one picture to the next, as exact copies: text
+// that scrolls, in any direction, and windows that are dragged, to the pixel.
 //
 // The encoder makes the copies in the picture that it predicts the next frame from, so a moved part
 // costs next to nothing. Every sample of a copy was compared, in all planes: where a move splits
 // colour samples (by an odd distance, in coloured content) the part is not copied but coded.
 //
-// How a frame with copies is sent: the copied macroblocks are listed first, at an offset at which
-// the encoder spends nothing on them, then what remains. Never with a key frame. The encoder keeps
-// that offset: copied macroblocks that a later frame leaves alone are listed there once more, a
-// little above their real offset, for next to no bytes. Otherwise they may be coded by the kept
-// one, along with their neighbours' motion, and look it. A standard decoder cannot follow; one that
-// makes the same copies can, see region_copies.h.
+// How a frame with copies is sent: what remains is listed, and what is copied to is left in the
+// picture as it was before, see shown_picture.h. Never with a key frame. Macroblocks that were
+// copied to and that a later frame leaves alone are listed there once, a little above their real
+// offset, for next to no bytes. A standard decoder cannot follow; one that makes the same copies
+// can, see region_copies.h.
 #pragma once
 
 #include <cstddef>
@@ -21,33 +20,28 @@
 #include "qora/client/damage.h"
 #include "qora/client/move_distances.h"
 #include "qora/client/picture.h"
+#include "qora/client/region_copies.h"
 #include "qora/service/wire/messages.h"
 
 namespace qora::client {
 
 inline constexpr int32_t kMostCopies = 64;  // of one frame
-// Copies keep so far off the picture's edges: the encoder's border is made before them.
-inline constexpr int32_t kCopyEdge = 2;  // pixels
 // With fewer changed macroblocks nothing is searched for; a move of fewer is not reported.
 inline constexpr int32_t kFewestMoved = 24;
 
 // The result of one search. Use the same record for every frame: its memory is kept.
 struct Moves {
-  // What `before` had at the source, `after` has at the destination. Destinations and sizes are
-  // multiples of 16, the destinations disjoint. Sources are read from the picture before, so the
-  // order does not matter.
+  // What `before` had at the source, `after` has at the destination, be it changed or not: few
+  // copies cover much when they may pass over what stayed the same, and is the same at the source.
+  // Sources are read from the picture before. Where copies overlap, the last one counts.
   std::vector<service::RegionCopy> copies;
-  // All macroblocks that are copied to, changed or not: few copies cover much when they may pass
-  // over what stayed the same, and is the same at the source.
-  Damage covered;
-  Damage remaining;  // changed and not covered: to be coded
+  Damage remaining;  // macroblocks that the copies do not make right: to be coded
 };
 
 // What the search is made of.
 struct MoveSearch {
   const Picture& before;
   const Picture& after;
-  const Damage* unfit;
   int32_t tolerance;
 };
 // What one kind of copy makes right.
@@ -64,15 +58,13 @@ class MoveDetector {
   // Searches for what moved.
   //   before, after  pictures of one size; `before` is the one last encoded.
   //   changed        macroblocks that really differ, see Damage::refine(); of the pictures' size.
-  //   unfit          macroblocks of `before` that no copy may read: too coarsely coded to be kept.
-  //                  Null: all are fit.
   //   tolerance      how far a chroma sample may be off; kUnseenTolerance is a good choice. With
   //                  more than 0, adoptMoves() has to follow: the copies are exact for the picture
   //                  that it makes of `after`.
-  // Returns the number of changed macroblocks that are covered. About a millisecond when all of
-  // 1920x1080 moved, nothing when little changed.
-  int32_t find(const Picture& before, const Picture& after, const Damage& changed,
-               const Damage* unfit, Moves& moves, int32_t tolerance = 0);
+  // Returns the number of changed macroblocks that the copies make right. About a millisecond when
+  // all of 1920x1080 moved, nothing when little changed.
+  int32_t find(const Picture& before, const Picture& after, const Damage& changed, Moves& moves,
+               int32_t tolerance = 0);
 
  private:
   struct Candidate {
@@ -84,7 +76,7 @@ class MoveDetector {
   void match(const MoveSearch& search, const MoveDistance& distance, Damage& remaining);
   void fill(const MoveSearch& search, MoveWay& way);
   void addCandidate(const MoveWay& way, const service::Rectangle& rectangle);
-  void listCopies(Moves& moves);
+  void listCopies(const MoveSearch& search, Moves& moves);
 
   int32_t unexplained_ = 0;  // changed macroblocks, by the last search for distances
   MoveDistances distances_;  // tried again first

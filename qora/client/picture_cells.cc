@@ -25,6 +25,11 @@ void copyRun(const Picture& from, const Picture& to, int32_t row, int32_t first,
 
 }  // namespace
 
+void copyCells(const Picture& from, const Picture& to, const Damage& cells) {
+  cells.forEachRun(
+      [&](int32_t row, int32_t first, int32_t end) { copyRun(from, to, row, first, end); });
+}
+
 void PictureCells::resize(int32_t width, int32_t height, int32_t count) {
   width_ = width;
   height_ = height;
@@ -83,12 +88,12 @@ void PictureCells::makePresent(int32_t cell, const Damage& changed) {
   at(cell).lacks.clear();
 }
 
-void PictureCells::bringUpToDate(int32_t cell, int32_t present) {
+void PictureCells::bringUpToDate(int32_t cell, int32_t present, const Damage* drawn) {
   if (present == -1 || present == cell) return;
-  const Picture from = coded(present);
-  const Picture to = coded(cell);
-  at(cell).lacks.forEachRun(
-      [&](int32_t row, int32_t first, int32_t end) { copyRun(from, to, row, first, end); });
+  if (drawn != nullptr) {
+    drawn->forEachCell([this, cell](int32_t x, int32_t y) { at(cell).lacks.reset(x, y); });
+  }
+  copyCells(coded(present), coded(cell), at(cell).lacks);
   at(cell).lacks.clear();
 }
 

@@ -16,6 +16,9 @@
 
 namespace qora::client {
 
+// Copies macroblocks from one picture to another of the same size.
+void copyCells(const Picture& from, const Picture& to, const Damage& cells);
+
 class PictureCells {
  public:
   // `count` cells of that size in pixels, none in use and without memory yet. The cells are of the
@@ -34,13 +37,15 @@ class PictureCells {
   void noteFilled(int32_t cell);
   void hold(int32_t cell) { ++at(cell).users; }
   void drop(int32_t cell) { --at(cell).users; }
+  bool isHeldOnce(int32_t cell) const { return cells_[static_cast<size_t>(cell)].users == 1; }
 
   // The cell is the present picture, which differs from the one before by `changed`.
   void makePresent(int32_t cell, const Damage& changed);
   // Nobody knows any more what the cell holds.
   void forget(int32_t cell) { at(cell).lacks.addAll(); }
-  // Copies what the cell lacks of the present picture, if there is one.
-  void bringUpToDate(int32_t cell, int32_t present);
+  // Copies what the cell lacks of the present picture, if there is one; not the macroblocks that
+  // are drawn anew.
+  void bringUpToDate(int32_t cell, int32_t present, const Damage* drawn = nullptr);
 
   // With the caller's size, and with the even one.
   Picture picture(int32_t cell) const { return pictureOf(cell, width_, height_); }

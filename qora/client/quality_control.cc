@@ -6,7 +6,7 @@
 #include <cmath>
 
 #include "qora/client/motion_guess.h"
-#include "qora/client/move_detector.h"
+#include "qora/client/region_copies.h"
 
 namespace qora::client {
 namespace {
@@ -28,10 +28,8 @@ constexpr int32_t kSmallChange = 200;  // cells
 // Of what changes. A page of text takes a quarter less than at 44, and nothing more is to be saved.
 constexpr int32_t kCoarsestChange = 46;
 constexpr int32_t kFewCells = 64;
-constexpr size_t kMostSealed = 1024;  // rectangles, so that there is always room for changes
 constexpr size_t kMostGuarded = 1024;
 constexpr size_t kMostRefined = 1024;
-constexpr int32_t kMudTolerance = 6;  // a copy's source may be that much coarser than coding it
 constexpr int32_t kOffsetStep = 2;
 constexpr int32_t kFinerAtOnce = 4;
 
@@ -88,35 +86,11 @@ void listRuns(const Damage& cells, std::vector<service::Rectangle>& list) {
   });
 }
 
-// Calls take(cell column, cell row, source x, source y) for each cell of the destination.
-template <typename Take>
-void forEachCell(const service::RegionCopy& copy, Take&& take) {
-  for (int32_t y = 0; y < copy.height; y += kMacroblockSize) {
-    for (int32_t x = 0; x < copy.width; x += kMacroblockSize) {
-      take((copy.destinationX + x) / kMacroblockSize, (copy.destinationY + y) / kMacroblockSize,
-           copy.sourceX + x, copy.sourceY + y);
-    }
-  }
-}
-
-// Whole cells, inside the picture on both sides.
-bool isUsable(const service::RegionCopy& copy, const Damage& cells) {
-  const int32_t edges = copy.destinationX | copy.destinationY | copy.width | copy.height;
-  return edges % kMacroblockSize == 0 &&
-         std::max(copy.sourceX, copy.destinationX) + copy.width <= cells.width() &&
-         std::max(copy.sourceY, copy.destinationY) + copy.height <= cells.height();
-}
-
-void removeDestination(const service::RegionCopy& copy, Damage& cells) {
-  forEachCell(copy,
-              [&](int32_t column, int32_t row, int32_t, int32_t) { cells.reset(column, row); });
-}
-
 }  // namespace
 
 void QualityControl::reset(int32_t width, int32_t height) {
-  for (Damage* cells :
-       {&unfinished_, &sealed_, &copied_, &changing_, &refined_, &guarded_, &unsealed_}) {
+  for (Damage* cells : {&unfinished_, &sealed_, &copied_, &resting_, &changing_, &refined_,
+                        &guarded_, &unsealed_}) {
     cells->resize(width, height);
   }
   const int32_t count = unfinished_.columns() * unfinished_.rows();
@@ -154,7 +128,7 @@ void QualityControl::plan(Time now, const Damage& changed, const Picture& pictur
   const int32_t count = changing_.count();
   const uint32_t ms = milliseconds(now);
   if (count >= kSmallChange && waitForLink(now, kHoldSmall, plan)) return;
-  measure(picture, whole ? nullptr : before, ms);
+  if (rate_ > 0) measure(picture, whole ? nullptr : before, ms);
   const double hold = count < kSmallChange ? kHoldSmall : isCheap(count) ? kHoldCheap : kHold;
   if (count > 0 && waitForLink(now, hold, plan)) return;
   findStill(ms);
@@ -162,7 +136,8 @@ void QualityControl::plan(Time now, const Damage& changed, const Picture& pictur
 
   plan.step = QualityStep::encode;
   plan.keyFrame = keyFrame;
-  if (!whole) takeCopies(copies, ms, plan);
+  if (!whole && before != nullptr) takeCopies(copies, *before, picture, plan);
+  if (rate_ == 0) measure(picture, nullptr, ms);  // less: nothing hangs on what is copied
   int32_t offset = chooseOffset(changeBudget());
   // What runs on becomes finer little by little: much at once costs much, and the next frame pays.
   if (runsOn_ && rate_ > 0) offset = std::max(offset, offset_ - kFinerAtOnce);
@@ -171,6 +146,7 @@ void QualityControl::plan(Time now, const Damage& changed, const Picture& pictur
   const int32_t goal = chooseRefined(bits);
 
   if (changing_.isEmpty() && plan.copies.empty()) sealUnfinished(plan);
+  if (!whole) restCopied(plan);
   if (!whole) sealCopied(plan);
   plan.keeping = static_cast<int32_t>(plan.rectangles.size());
   if (!whole) guardSealed(plan);
@@ -188,6 +164,8 @@ void QualityControl::plan(Time now, const Damage& changed, const Picture& pictur
               offset);
     one.changedAt = ms;
   });
+  noteCopied(ms);
+  if (plan.rectangles.empty()) plan.rectangles.push_back(nothingChanged());
 
   if (count > 0) changedAt_ = ms;
   startAnew_ = false;
@@ -281,9 +259,7 @@ void QualityControl::findStill(uint32_t now) {
 }
 
 void QualityControl::measure(const Picture& picture, const Picture* before, uint32_t now) {
-  // Without a rate everything is coded at the goal, whatever it costs.
-  const bool isPriced = before != nullptr && rate_ > 0;
-  const Motion motion = isPriced ? guessMotion(*before, picture, changing_) : Motion{};
+  const Motion motion = before != nullptr ? guessMotion(*before, picture, changing_) : Motion{};
   const bool moves = motion.dx != 0 || motion.dy != 0;
   int32_t running = 0;
   int32_t cells = 0;
@@ -293,8 +269,9 @@ void QualityControl::measure(const Picture& picture, const Picture* before, uint
     one.features = cellFeatures(picture, column, row);
     one.source = kNeverCoded;
     if (moves && hasMoved(*before, picture, column, row, motion)) {
-      one.source = static_cast<int8_t>(worstAt(column * kMacroblockSize + motion.dx,
-                                               row * kMacroblockSize + motion.dy, &Cell::offset));
+      const Area source = {column * kMacroblockSize + motion.dx, row * kMacroblockSize + motion.dy,
+                           kMacroblockSize, kMacroblockSize};
+      one.source = worstIn(source).offset;
       ++moved_;
     }
     running += now - one.changedAt < kRunsOn ? 1 : 0;
@@ -340,6 +317,7 @@ float QualityControl::refinementBudget(float spent) const {
 
 // The finest at which all that changes is within the budget.
 int32_t QualityControl::chooseOffset(float budget) const {
+  if (std::isinf(budget)) return goal_;
   int32_t fine = 0;
   int32_t coarse = (kCoarsestChange - goal_) / kOffsetStep;
   while (fine < coarse) {
@@ -380,61 +358,18 @@ int32_t QualityControl::chooseRefined(Bits& bits) {
   return goal;
 }
 
-// The coarsest of the up to four cells that a cell at these pixels is made of.
-int32_t QualityControl::worstAt(int32_t x, int32_t y, int8_t Cell::*offset) const {
-  constexpr int32_t kLast = kMacroblockSize - 1;
-  int32_t worst = INT8_MIN;
-  for (const int32_t row : {y / kMacroblockSize, (y + kLast) / kMacroblockSize}) {
-    for (const int32_t column : {x / kMacroblockSize, (x + kLast) / kMacroblockSize}) {
-      worst = std::max<int32_t>(worst, cells_[index(column, row)].*offset);
+// The coarsest of the cells that an area touches.
+QualityControl::Coarseness QualityControl::worstIn(const Area& area) const {
+  const int32_t right = (area.x + area.width - 1) / kMacroblockSize;
+  const int32_t bottom = (area.y + area.height - 1) / kMacroblockSize;
+  Coarseness worst = {INT8_MIN, INT8_MIN};
+  for (int32_t row = area.y / kMacroblockSize; row <= bottom; ++row) {
+    for (int32_t column = area.x / kMacroblockSize; column <= right; ++column) {
+      const Cell& one = cells_[index(column, row)];
+      worst = {std::max(worst.offset, one.offset), std::max(worst.coded, one.coded)};
     }
   }
   return worst;
-}
-
-// Copying what is much coarser than coding it anew would be spreads mud.
-bool QualityControl::isWorthCopying(const service::RegionCopy& copy, int32_t offset) const {
-  int32_t cells = 0;
-  int32_t coarse = 0;
-  forEachCell(copy, [&](int32_t, int32_t, int32_t x, int32_t y) {
-    ++cells;
-    coarse += worstAt(x, y, &Cell::offset) > offset + kMudTolerance ? 1 : 0;
-  });
-  return coarse <= cells / 2;
-}
-
-// Lists the copies that are worth it, for sealing: the encoder skips their cells, and the copy then
-// overwrites what that left. Their cells no longer count as changing.
-void QualityControl::takeCopies(std::span<const service::RegionCopy> candidates, uint32_t now,
-                                QualityPlan& plan) {
-  std::copy_if(candidates.begin(), candidates.end(), std::back_inserter(plan.copies),
-               [this](const auto& copy) { return isUsable(copy, changing_); });
-  if (std::ssize(plan.copies) > kMostCopies) plan.copies.resize(kMostCopies);
-  if (plan.copies.empty()) return;
-  const int32_t offset = chooseOffset(changeBudget());  // of all without copies
-  std::erase_if(plan.copies, [&](const auto& copy) { return !isWorthCopying(copy, offset); });
-  std::vector<std::pair<int32_t, int32_t>> sources;  // all read before one is written
-  for (const service::RegionCopy& copy : plan.copies) {
-    removeDestination(copy, changing_);
-    plan.rectangles.push_back({.quantizerOffset = kSkippingOffset,
-                               .x = copy.destinationX,
-                               .y = copy.destinationY,
-                               .width = copy.width,
-                               .height = copy.height});
-    forEachCell(copy, [&](int32_t, int32_t, int32_t x, int32_t y) {
-      sources.emplace_back(worstAt(x, y, &Cell::offset), worstAt(x, y, &Cell::coded));
-    });
-  }
-  auto next = sources.begin();
-  for (const service::RegionCopy& copy : plan.copies) {
-    forEachCell(copy, [&](int32_t column, int32_t row, int32_t, int32_t) {
-      markCoded(column, row, next->first, next->second);
-      cell(column, row).changedAt = now;
-      sealed_.set(column, row);  // by the same listing
-      copied_.set(column, row);
-      if (next++->first <= goal_) unfinished_.reset(column, row);
-    });
-  }
 }
 
 // Appends rectangles that cover the cells. Where they would be too many they cover others as well,
@@ -451,6 +386,7 @@ void QualityControl::list(Damage& cells, int32_t offset, size_t limit, QualityPl
     rectangle.quantizerOffset = static_cast<int8_t>(offset);
     cells.add({rectangle.x, rectangle.y, rectangle.width, rectangle.height});
   }
+  resting_.subtract(cells);
   plan.rectangles.insert(plan.rectangles.end(), listed_.begin(), listed_.end());
 }
 
@@ -469,7 +405,7 @@ void QualityControl::listAsCoded(Damage& cells, int32_t above, size_t limit, Qua
     wanted.forEachCell([&](int32_t x, int32_t y) {
       if (cell(x, y).coded == offset) alike_.set(x, y);
     });
-    list(alike_, std::min(offset + above, kSkippingOffset), limit / offsets.count(), plan);
+    list(alike_, std::min<int32_t>(offset + above, INT8_MAX), limit / offsets.count(), plan);
     cells.add(alike_);
   }
 }
@@ -489,15 +425,6 @@ void QualityControl::sealUnfinished(QualityPlan& plan) {
   });
 }
 
-// What copies went to before, and stays now, is sealed like the rest.
-void QualityControl::sealCopied(QualityPlan& plan) {
-  Damage staying = copied_;
-  staying.subtract(changing_);
-  for (const service::RegionCopy& copy : plan.copies) removeDestination(copy, staying);
-  listAsCoded(staying, kSealedAbove, kMostSealed, plan);
-  copied_.subtract(staying);
-}
-
 void QualityControl::planRepeat(QualityPlan& plan) {
   plan.rectangles.clear();
   plan.copies.clear();
@@ -512,10 +439,7 @@ void QualityControl::planRepeat(QualityPlan& plan) {
 // its row, below such cells of the row above: elsewhere the encoder predicts that the cell stands
 // still.
 void QualityControl::guardSealed(QualityPlan& plan) {
-  Damage listed = changing_;
-  for (const service::RegionCopy& copy : plan.copies) {
-    listed.add({copy.destinationX, copy.destinationY, copy.width, copy.height});
-  }
+  const Damage& listed = changing_;
   Damage moving = listed;
   guarded_.clear();
   listed.forEachRun([&](int32_t row, int32_t, int32_t end) {
@@ -527,6 +451,9 @@ void QualityControl::guardSealed(QualityPlan& plan) {
     }
   });
   guarded_.subtract(refined_);
+  Damage copied(guarded_.width(), guarded_.height());
+  addDestinations(plan.copies, copied);
+  guarded_.subtract(copied);
   listAsCoded(guarded_, 0, kMostGuarded, plan);
   guarded_.forEachCell([this](int32_t x, int32_t y) {
     markCoded(x, y, offsetOf(x, y), cell(x, y).coded);

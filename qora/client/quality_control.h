@@ -43,7 +43,8 @@ inline constexpr int32_t kDefaultQuality = 8;  // at least 46.9 dB in the worst 
 inline constexpr int32_t kFinestOffset = -12;
 inline constexpr int32_t kCoarsestOffset = 44;    // of what stays: beyond it text is gone
 inline constexpr int32_t kSealedAbove = 14;       // a still cell is sealed that far above its own
-inline constexpr int32_t kSkippingOffset = 100;   // whatever changed, next to no byte is spent
+inline constexpr int32_t kRestingOffset = 42;     // of what copies go to: quantizer 51 in text
+inline constexpr size_t kMostSealed = 1024;       // rectangles, so that there is room for changes
 inline constexpr int32_t kRectangleLimit = 4096;  // 48 KiB: the service's first buffer holds them
 
 enum class QualityStep {
@@ -57,8 +58,7 @@ struct QualityPlan {
   QualityStep step = QualityStep::silent;
   std::chrono::microseconds until{};           // wait: when
   std::vector<service::Rectangle> rectangles;  // encode: never empty
-  int32_t keeping = 0;                         // so many of them, the first, sharpen nothing: they
-                                               // seal, or are what copies go to
+  int32_t keeping = 0;                         // so many of them, the first, only seal
   std::vector<service::RegionCopy> copies;     // encode: those of the candidates that are worth it
   bool keyFrame = false;  // encode: the frame starts anew; set the request's `invalidate`
 };
@@ -84,8 +84,9 @@ class QualityControl {
   //   picture   of the size given to reset().
   //   before    the last picture encoded, where it is still there. What only moved from it is
   //             cheap, and is then not coded coarsely for fear that it were not. Null: not known.
-  //   copies    what moved, exactly, from the last picture encoded: destinations of whole cells.
-  //             Some may be left out of the plan: what would copy a coarse part is coded instead.
+  //   copies    what moved, exactly, from the last picture encoded; not without `before`. Some may
+  //             be left out of the plan: what would copy a coarse part is coded instead. For what
+  //             to encode then see showWithoutCopies().
   //   keyFrame  a frame that stands alone is wanted; ask until plan.keyFrame.
   // Costs microseconds for a typed letter, about a millisecond for all of 1920x1080.
   void plan(Time now, const Damage& changed, const Picture& picture, const Picture* before,
@@ -113,6 +114,15 @@ class QualityControl {
   using Bits = SizePrediction::Bits;
   using Reason = SizePrediction::Reason;
 
+  struct Coarseness {
+    int8_t offset, coded;  // as those of a cell
+  };
+  // What a copy leaves in a cell, or in a part of it.
+  struct Copied {
+    size_t at;
+    bool whole;
+    Coarseness source;
+  };
   // Times are in milliseconds and wrap round.
   struct Cell {
     uint32_t changedAt;
@@ -158,9 +168,12 @@ class QualityControl {
   float refinementBudget(float spent) const;
   int32_t chooseOffset(float budget) const;
   int32_t chooseRefined(Bits& bits);
-  int32_t worstAt(int32_t x, int32_t y, int8_t Cell::*offset) const;
-  bool isWorthCopying(const service::RegionCopy& copy, int32_t offset) const;
-  void takeCopies(std::span<const service::RegionCopy> candidates, uint32_t now, QualityPlan& plan);
+  Coarseness worstIn(const Area& area) const;
+  bool takeCopy(const service::RegionCopy& copy, int32_t offset);
+  void takeCopies(std::span<const service::RegionCopy> candidates, const Picture& before,
+                  const Picture& picture, QualityPlan& plan);
+  void restCopied(QualityPlan& plan);
+  void noteCopied(uint32_t now);
   void list(Damage& cells, int32_t offset, size_t limit, QualityPlan& plan);
   void listAsCoded(Damage& cells, int32_t above, size_t limit, QualityPlan& plan);
   void sealUnfinished(QualityPlan& plan);
@@ -182,7 +195,8 @@ class QualityControl {
   std::vector<Cell> cells_;
   Damage unfinished_;  // coarser than the goal, or not sealed
   Damage sealed_;
-  Damage copied_;           // sealed, and listed at kSkippingOffset
+  Damage copied_;           // made by copies, and not listed since
+  Damage resting_;          // listed at kRestingOffset last
   uint32_t changedAt_ = 0;  // the last change of any cell
   int32_t moved_ = 0;       // of what changes now, the cells that only moved
   bool runsOn_ = false;     // most of what changes did so just before
@@ -194,6 +208,9 @@ class QualityControl {
   Damage guarded_;
   Damage alike_;
   Damage unsealed_;
+  std::vector<Copied> newlyCopied_;
+  Damage rest_;
+  Damage coarse_;
   Still still_;
   std::vector<service::Rectangle> listed_;
 };

@@ -228,6 +228,14 @@ int32_t ScreenSession::acquire(int32_t stream, Picture& picture, bool latest) {
   return 1;
 }
 
+int32_t ScreenSession::bringUpToDate(int32_t stream, const Picture& picture, const Damage& drawn) {
+  const int32_t cell = acquiredCell(stream, picture);
+  if (cell == -1 || checkDamage(drawn, picture) == -1) return -1;
+  ScreenStream& screen = *streams_[static_cast<size_t>(stream)];
+  screen.cells().bringUpToDate(cell, screen.present(), &drawn);
+  return 1;
+}
+
 // The cell that the caller fills, or -1.
 int32_t ScreenSession::acquiredCell(int32_t stream, const Picture& picture) {
   if (checkStream(stream) == -1) return -1;

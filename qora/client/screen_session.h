@@ -120,6 +120,10 @@ class ScreenSession {
   // some earlier picture, or (`latest`) the one given last, for whoever draws only what changed.
   // Stays the caller's until encode() or release(). 0: all are in use, until a reply is read.
   [[nodiscard]] int32_t acquire(int32_t stream, Picture& picture, bool latest = false);
+  // What acquire() with `latest` does, for a picture that was acquired without: it becomes the one
+  // given last. For whoever draws `drawn` anew from end to end: those macroblocks are left as they
+  // are, and nothing is copied in vain. Of the picture's size.
+  int32_t bringUpToDate(int32_t stream, const Picture& picture, const Damage& drawn);
   int32_t release(int32_t stream, const Picture& picture);
   // Compares an acquired picture with the one given last; `changed` becomes what differs. Returns
   // the number of macroblocks; all of them for the first picture.
@@ -135,7 +139,7 @@ class ScreenSession {
   // Takes an acquired picture as the stream's present one.
   //   changed  what may differ from the picture given before, pixels, inside the picture; for
   //            encodeDamage() damage of the picture's size.
-  //   copies   what moved exactly from the picture given before, destinations of whole macroblocks,
+  //   copies   what moved exactly from the picture given before, destinations and sizes even,
   //            both sides at least kCopyEdge inside the picture, kMostCopies at most. Only for a
   //            viewer that makes the copies of each CodedFrame in its own output (copyRegions),
   //            from its last picture into this one before it decodes the next: other decoders

@@ -6,6 +6,8 @@
 
 #include "qora/client/changed_rectangles.h"
 #include "qora/client/move_detector.h"
+#include "qora/client/region_copies.h"
+#include "qora/client/shown_picture.h"
 
 namespace qora::client {
 namespace {
@@ -17,10 +19,8 @@ constexpr int64_t kBytesPerKilobit = 125;
 // will not any more after so many frames.
 constexpr int32_t kSharpQuantizer = 20;
 constexpr int32_t kMostSharpenings = 50;
-
-Area destinationOf(const service::RegionCopy& copy) {
-  return {copy.destinationX, copy.destinationY, copy.width, copy.height};
-}
+// What copies go to is listed so far up: whatever changed, next to no byte is spent.
+constexpr int32_t kSkippingOffset = 100;
 
 service::Rectangle rectangleOf(const Area& area, int32_t offset) {
   return {.quantizerOffset = static_cast<int8_t>(offset),
@@ -113,14 +113,26 @@ int32_t ScreenStream::plan(Time now, Time interval) {
   changed_.clear();
   anew_ = false;
   if (plan_.keyFrame) keyFrameWanted_ = false;
+  const int32_t before = sent_;
   cells_.hold(present_);
-  if (sent_ != -1) cells_.drop(sent_);
   sent_ = present_;
   sentNumber_ = presentNumber_;
   sentTime_ = presentTime_;
-  prepare(sent_, now);
+  prepare(showsBefore(before) ? before : sent_, now);
+  if (before != -1) cells_.drop(before);
   frame_.isRepeat = false;
   return 1;
+}
+
+// Where copies go to, the encoder is best shown what was there before. The picture sent before has
+// that, and what else it lacks is known; unless the service still reads it.
+bool ScreenStream::showsBefore(int32_t before) {
+  if (plan_.copies.empty() || settings_.rateControl != RateControl::quality ||
+      !cells_.isHeldOnce(before)) {
+    return false;
+  }
+  showWithoutCopies(cells_.coded(sent_), cells_.coded(before), plan_.rectangles, plan_.copies);
+  return true;
 }
 
 // What changed and what is not sharp yet is listed: the encoder alone decides on quantizers, so it
@@ -138,14 +150,12 @@ QualityStep ScreenStream::planForEncoder() {
   coarse_.add(changed_);
   if (coarse_.isEmpty() || ++sharpenings_ > kMostSharpenings) return QualityStep::silent;
   change_ = coarse_;
-  for (const service::RegionCopy& copy : copies_) {
-    Damage moved(change_.width(), change_.height());
-    moved.add(destinationOf(copy));
-    change_.subtract(moved);
-  }
+  Damage moved(change_.width(), change_.height());
+  for (const service::RegionCopy& copy : copies_) moved.add(wholeMacroblocks(copy));
+  change_.subtract(moved);
   change_.list(plan_.rectangles);
   for (const service::RegionCopy& copy : copies_) {
-    plan_.rectangles.push_back(rectangleOf(destinationOf(copy), kSkippingOffset));
+    plan_.rectangles.push_back(rectangleOf(wholeMacroblocks(copy), kSkippingOffset));
     plan_.copies.push_back(copy);
   }
   return QualityStep::encode;

@@ -19,7 +19,8 @@
 
 namespace qora::client {
 
-// A frame to send, or sent: the picture in `cell`, which it holds, and its lists.
+// A frame to send, or sent: what the encoder is to see of the picture, in `cell`, which it holds,
+// and the lists.
 struct PlannedFrame {
   int32_t cell = -1;
   int64_t picture = 0;  // number and time of the picture, see CodedFrame
@@ -70,6 +71,7 @@ class ScreenStream {
 
  private:
   bool isDue(Time now, Time interval);
+  bool showsBefore(int32_t before);
   QualityStep planForEncoder();
   void prepare(int32_t cell, Time now);
 

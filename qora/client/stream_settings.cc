@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <limits>
 
-#include "qora/client/move_detector.h"
+#include "qora/client/region_copies.h"
 
 namespace qora::client {
 namespace {
@@ -24,28 +24,6 @@ int32_t checkRange(const char* name, int32_t value, int32_t lowest, int32_t high
   problem = std::string(name) + " " + std::to_string(value) + " is not from " +
             std::to_string(lowest) + " to " + std::to_string(highest);
   return -1;
-}
-
-// A side of a copy: pixels [start, start + length), `shift` more on the source's chroma.
-bool isInside(int32_t start, int32_t length, int32_t pixels, int32_t shift) {
-  return start >= kCopyEdge && start + length + shift <= pixels - kCopyEdge;
-}
-
-// Why it cannot be made; null when it can.
-const char* faultOf(const service::RegionCopy& copy, int32_t width, int32_t height) {
-  const int32_t edges = copy.destinationX | copy.destinationY | copy.width | copy.height;
-  if (copy.width == 0 || copy.height == 0) return "is empty";
-  if (edges % kMacroblockSize != 0) return "is not of whole macroblocks";
-  if ((copy.flags & ~(service::kChromaDownFlag | service::kChromaRightFlag)) != 0) {
-    return "has unknown flags";
-  }
-  const int32_t right = (copy.flags & service::kChromaRightFlag) != 0 ? 2 : 0;
-  const int32_t down = (copy.flags & service::kChromaDownFlag) != 0 ? 2 : 0;
-  const bool inside = isInside(copy.destinationX, copy.width, width, 0) &&
-                      isInside(copy.destinationY, copy.height, height, 0) &&
-                      isInside(copy.sourceX, copy.width, width, right) &&
-                      isInside(copy.sourceY, copy.height, height, down);
-  return inside ? nullptr : "comes within 2 pixels of the picture's edge";
 }
 
 }  // namespace

@@ -48,7 +48,7 @@ int32_t checkQuality(int32_t offset, std::string& problem);
 // Inside a picture of that size.
 int32_t checkAreas(std::span<const Area> areas, int32_t width, int32_t height,
                    std::string& problem);
-// Destinations of whole macroblocks, both sides at least kCopyEdge inside the picture.
+// Destinations and sizes even, both sides at least kCopyEdge inside the picture.
 int32_t checkCopies(std::span<const service::RegionCopy> copies, int32_t width, int32_t height,
                     std::string& problem);
 

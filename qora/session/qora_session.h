@@ -210,8 +210,8 @@ int32_t qora_session_release(qora_session* session, int32_t stream,
 /* Takes an acquired picture as the stream's present one; it is the caller's no longer, except after
  * an error. 1: a frame is on its way. 0: not now; nothing changed, or it is kept and sent later.
  *   areas   what may differ from the picture given before, inside the picture.
- *   copies  what moved exactly from the picture given before, destinations of whole macroblocks
- *           (16 x 16), both sides at least two pixels inside the picture. Only for a viewer that
+ *   copies  what moved exactly from the picture given before, destinations and sizes even,
+ *           both sides at least two pixels inside the picture. Only for a viewer that
  *           makes the copies of each frame in its own output: other decoders cannot follow. */
 int32_t qora_session_encode(qora_session* session, int32_t stream,
                             const qora_session_picture* picture, const qora_session_area* areas,

@@ -231,7 +231,7 @@ void EncodeSession::findMoves() {
   if (!options_.moves) return;
   if (!verifiers_.empty()) keepOfClip();
   if (session_.present(0, before) != 1) return;
-  detector_.find(before, loading_, changes_, nullptr, moves_, client::kUnseenTolerance);
+  detector_.find(before, loading_, changes_, moves_, client::kUnseenTolerance);
   client::Damage owed(loading_.width, loading_.height);
   adoptMoves(before, loading_, moves_, owed);
 }

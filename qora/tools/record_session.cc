@@ -237,7 +237,7 @@ void RecordSession::findMoves() {
   if (options_.moves == 0 || !output_->takesCopies()) return;
   if (session_.present(kStream, before) != 1) return;
   owed_.subtract(changed_);
-  detector_.find(before, picture_, changed_, nullptr, moves_, client::kUnseenTolerance);
+  detector_.find(before, picture_, changed_, moves_, client::kUnseenTolerance);
   if (adoptMoves(before, picture_, moves_, owedLately_) == 0) return;
   owed_.add(owedLately_);
   nextPayment_ = std::min(nextPayment_, now() + kPaymentInterval);

@@ -41,6 +41,7 @@ struct Screen {
 
 constexpr Area kAll = {0, 0, 640, 384};
 constexpr int32_t kCells = 40 * 24;
+constexpr int32_t kUnlisted = -128;
 
 // A control with an encoder whose cells take 55 bytes at offset 8 and half of that 14 offsets on. A
 // tick takes 40 milliseconds.
@@ -54,11 +55,14 @@ struct Loop {
   // Draws and plans; true when a frame was sent.
   bool tick(const std::vector<Area>& areas = {}, bool keyFrame = false) {
     now += milliseconds(40);
+    Screen last = screen;
+    const Picture before = last.picture();
     for (const Area& area : areas) {
       screen.draw(area, ++drawn);
       damage.add(area);
     }
-    control.plan(now, damage, screen.picture(), nullptr, copies, keyFrame, plan);
+    control.plan(now, damage, screen.picture(), isBeforeKnown ? &before : nullptr, copies, keyFrame,
+                 plan);
     if (plan.step != QualityStep::encode) return false;
     damage.clear();
     offsets.clear();
@@ -101,6 +105,7 @@ struct Loop {
   QualityControl::Time now{};
   double cost = 1;
   bool surpriseKey = false;
+  bool isBeforeKnown = false;
   uint32_t drawn = 0;
   int64_t bytes = 0;
   std::set<int32_t> offsets;    // in the last frame, of what it sharpens
@@ -140,7 +145,7 @@ TEST(QualityControlTest, KeyFrameListsAllWithRealOffsets) {
     ASSERT_TRUE(loop.tick({}, asked));
     EXPECT_EQ(loop.plan.keyFrame, asked);
     EXPECT_EQ(std::count(loop.listed.begin(), loop.listed.end(), *loop.offsets.begin()), kCells);
-    EXPECT_LT(*loop.offsets.rbegin(), kSkippingOffset);
+    EXPECT_LE(*loop.offsets.rbegin(), kCoarsestOffset);
     ASSERT_TRUE(loop.settle());
   }
 }
@@ -217,7 +222,7 @@ TEST(QualityControlTest, ListsAreCapped) {
   for (int32_t cell = 0; cell < 256 * 135; ++cell) {
     if ((cell + cell / 256) % 2 == 0) loop.damage.set(cell % 256, cell / 256);
   }
-  std::fill(loop.listed.begin(), loop.listed.end(), kSkippingOffset);
+  std::fill(loop.listed.begin(), loop.listed.end(), 100);
   const Damage changed = loop.damage;
   ASSERT_TRUE(loop.tick());
   EXPECT_LE(std::ssize(loop.plan.rectangles), kDamageRectangles);
@@ -226,24 +231,34 @@ TEST(QualityControlTest, ListsAreCapped) {
   });
 }
 
-TEST(QualityControlTest, CopiesAreListedFirstForSealing) {
+// What copies make right rests, listed once; when it is left alone it is sealed.
+TEST(QualityControlTest, WhatIsCopiedRests) {
   Loop loop(100'000);
   loop.tick({kAll});
   for (const bool sharp : {false, true}) {
     if (sharp) {
       ASSERT_TRUE(loop.settle());
     }
-    loop.copies = {{0, 100, 84, 96, 64, 320, 160},
-                   {0, 0, 0, 8, 0, 16, 16},     // not whole cells
+    loop.copies = {{0, 100, 84, 96, 64, 326, 160},
+                   {0, 0, 0, 8, 0, 16, 16},     // at the edge
                    {0, 620, 0, 0, 0, 32, 32}};  // from outside
     loop.now += milliseconds(400);
-    ASSERT_TRUE(loop.tick({{96, 64, 320, 176}}));
-    loop.copies.clear();
+    loop.isBeforeKnown = true;
+    std::fill(loop.listed.begin(), loop.listed.end(), kUnlisted);
+    ASSERT_TRUE(loop.tick({{96, 64, 330, 176}}));
     ASSERT_EQ(loop.plan.copies.size(), sharp ? 1U : 0U) << "what is coarse is coded";
-    EXPECT_EQ(loop.listed[4 * 40 + 6] == kSkippingOffset, sharp);
-    EXPECT_NE(loop.listed[14 * 40 + 6], kSkippingOffset) << "changed below the copy";
-    EXPECT_EQ(loop.plan.rectangles[0].height == 160, sharp);
+    EXPECT_EQ(loop.listed[4 * 40 + 6] == kRestingOffset, sharp);
+    EXPECT_LT(loop.listed[14 * 40 + 6], kRestingOffset) << "changed below the copy";
+    EXPECT_LT(loop.listed[4 * 40 + 26], kRestingOffset) << "changed beside the copy, too";
     EXPECT_EQ(loop.control.offsetOf(6, 4), sharp ? 8 : loop.listed[4 * 40 + 6]);
+    loop.listed[4 * 40 + 6] = kUnlisted;
+    ASSERT_TRUE(loop.tick({{96, 64, 330, 176}}));
+    EXPECT_EQ(loop.listed[4 * 40 + 6] == kUnlisted, sharp) << "it rests already";
+    loop.copies.clear();
+    if (!sharp) continue;
+    ASSERT_TRUE(loop.tick({{96, 230, 300, 2}}));
+    EXPECT_EQ(loop.listed[4 * 40 + 6], 8 + kSealedAbove);
+    EXPECT_GT(loop.plan.keeping, 0);
   }
 }
 

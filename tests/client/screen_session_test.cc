@@ -69,7 +69,7 @@ TEST_F(ScreenSessionTest, RefusesWhatWouldEndTheService) {
           "the damage is that of a picture of another size");
   const std::pair<service::RegionCopy, const char*> copies[] = {
       {{0, 16, 16, 16, 16, 0, 16}, "copy 0 is empty"},
-      {{0, 16, 16, 18, 16, 16, 16}, "copy 0 is not of whole macroblocks"},
+      {{0, 16, 16, 17, 16, 16, 16}, "copy 0 is not at even pixels"},
       {{8, 16, 16, 16, 16, 16, 16}, "copy 0 has unknown flags"},
       {{0, 16, 16, 0, 16, 16, 16}, "copy 0 comes within 2 pixels of the picture's edge"},
       {{4, 83, 16, 16, 16, 16, 16}, "copy 0 comes within 2 pixels of the picture's edge"}};
@@ -221,8 +221,8 @@ TEST_F(ScreenSessionTest, CopiesFollowWhatWasSent) {
   int32_t copied = 0;
   for (int32_t shift = 0; shift < 120; shift += 4) {
     const Picture picture = page(0, shift);
-    const service::RegionCopy copy{0, 16, 20, 16, 16, 224, 144};
-    const Area rest[] = {{0, 0, 256, 16}, {0, 0, 16, 192}, {240, 0, 16, 192}, {0, 160, 256, 32}};
+    const service::RegionCopy copy{0, 18, 22, 18, 18, 220, 142};
+    const Area rest[] = {{0, 0, 256, 16}, {0, 0, 18, 192}, {238, 0, 18, 192}, {0, 160, 256, 32}};
     if (shift == 60) requestKeyFrame(0);
     const bool isHeld = shift == 60 || shift == 84 || shift == 88;  // one is in flight
     EXPECT_EQ(isHeld ? 0 : 1, encode(0, picture, rest, std::span(&copy, shift == 0 ? 0 : 1)));
@@ -234,6 +234,36 @@ TEST_F(ScreenSessionTest, CopiesFollowWhatWasSent) {
   }
   EXPECT_EQ(26, copied);  // not in the first frame, nor from 80 to 88
   EXPECT_EQ(2, keyFrames);
+}
+
+// A window carried over text costs what it uncovers, wherever its edges are.
+TEST_F(ScreenSessionTest, WhatIsCarriedCostsItsTrail) {
+  ASSERT_EQ(1, start(options()));
+  ASSERT_EQ(1, addStream({.width = 480, .height = 288}));
+  std::vector<service::RegionCopy> copies;
+  Damage changed;
+  for (int32_t step = 0; step < 12; ++step) {
+    const Picture picture = page(0, 0);
+    const auto x = static_cast<uint16_t>(50 + std::min(step, 9) * 6);
+    const auto y = static_cast<uint16_t>(40 + std::min(step, 9) * 2);
+    drawPage({{picture.plane[0] + y * picture.stride[0] + x,
+               picture.plane[1] + y / 2 * picture.stride[1] + x / 2,
+               picture.plane[2] + y / 2 * picture.stride[2] + x / 2},
+              {picture.stride[0], picture.stride[1], picture.stride[2]},
+              200,
+              140},
+             1000);
+    if (step > 0)
+      copies = {{0, static_cast<uint16_t>(x - 6), static_cast<uint16_t>(y - 2), x, y, 200, 140}};
+    if (step > 9) copies.clear();
+    findChanges(0, picture, changed);
+    EXPECT_NE(-1, encodeDamage(0, picture, changed, copies));
+    const size_t bytes = show();
+    EXPECT_EQ(frame.copies.size(), copies.size());
+    EXPECT_GT(4, decoder.loss(picture)) << step;
+    EXPECT_GT(step == 0 ? 100'000U : 4000U, bytes) << step;  // without copies 10,000 to 17,000
+    time += milliseconds(40);
+  }
 }
 
 TEST_F(ScreenSessionTest, ComesBackAfterTheServicesDeath) {

@@ -109,7 +109,7 @@ class Stream {
       client::Damage changed(content_.width, content_.height);
       changed.addAll();
       changed.refine(before, picture);
-      moved_ += detector_.find(before, picture, changed, nullptr, moves_);
+      moved_ += detector_.find(before, picture, changed, moves_);
       copies.insert(copies.end(), moves_.copies.begin(), moves_.copies.end());
     }
     client::Reply reply;
