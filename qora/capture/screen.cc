@@ -19,6 +19,13 @@ Area intersection(const Area& one, const Area& other) {
   return {left, top, std::max(right - left, 0), std::max(bottom - top, 0)};
 }
 
+bool isAll(std::span<const Area> areas, std::span<const Piece> pieces) {
+  int64_t missing = 0;
+  for (const Area& area : areas) missing += int64_t{area.width} * area.height;
+  for (const Piece& piece : pieces) missing -= int64_t{piece.area.width} * piece.area.height;
+  return missing == 0;
+}
+
 namespace {
 
 template <typename Kind>

@@ -84,6 +84,9 @@ struct ScreenOptions {
   bool pointer = true;      // draw the mouse pointer into what is read
 };
 
+// Whether the pieces are all of the areas that were read: nothing was out of the screen's reach.
+bool isAll(std::span<const Area> areas, std::span<const Piece> pieces);
+
 // Null: `problem` says why.
 std::unique_ptr<Screen> openScreen(const ScreenOptions& options, std::string& problem);
 

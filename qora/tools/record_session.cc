@@ -193,7 +193,7 @@ int32_t RecordSession::changeSize() {
 // are.
 int32_t RecordSession::acquirePicture() {
   if (acquired_) return 1;
-  const int32_t acquired = session_.acquire(kStream, picture_, true);
+  const int32_t acquired = session_.acquire(kStream, picture_);
   if (acquired == -1) return fail(session_.errorText());
   acquired_ = acquired == 1;
   if (acquired_ && first_) fillBlack(picture_);
@@ -202,11 +202,15 @@ int32_t RecordSession::acquirePicture() {
 
 int32_t RecordSession::capture() {
   const Time time = now();
-  const int32_t read = reader_.read(*screen_, picture_, due_, changed_);
+  const int32_t read = reader_.read(*screen_, due_);
   if (read == -1) return failScreen();
   damaged_ = false;
   if (read == 0) return 1;
   due_.clear();
+  if (session_.bringUpToDate(kStream, picture_, reader_.drawn()) == -1) {
+    return fail(session_.errorText());
+  }
+  reader_.convert(*screen_, picture_, changed_);
   if (session_.refineChanges(kStream, picture_, changed_) == -1) return fail(session_.errorText());
   if (changed_.isEmpty()) return 1;
   // A screen that stood still has some pictures saved up: a change close after another is not kept

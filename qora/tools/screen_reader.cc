@@ -26,26 +26,31 @@ void fillBlack(const client::Picture& picture) {
   }
 }
 
-int32_t ScreenReader::read(capture::Screen& screen, const client::Picture& picture,
-                           const client::Damage& besides, client::Damage& changed) {
+int32_t ScreenReader::read(capture::Screen& screen, const client::Damage& besides) {
   areas_.clear();
   if (screen.takeDamage(areas_) == -1) return -1;
   drawn_ = besides;
   for (const client::Area& area : areas_) drawn_.add(area);
-  listAreas(picture);
+  listAreas();
   const int32_t read = screen.read(areas_, pieces_);
-  if (read != 1) return read;
+  drawn_.clear();
+  if (!capture::isAll(areas_, pieces_)) return read;
+  for (const client::Area& area : areas_) drawn_.add(area);
+  return read;
+}
+
+void ScreenReader::convert(capture::Screen& screen, const client::Picture& picture,
+                           client::Damage& changed) {
   for (const capture::Piece& piece : pieces_) {
     convertPiece({piece.pixels, piece.stride, piece.area.width, piece.area.height}, piece.area.x,
                  piece.area.y, picture);
     changed.add(piece.area);
   }
   screen.release();
-  return 1;
 }
 
 // What to read: whole macroblocks, since a chroma sample needs its neighbours.
-void ScreenReader::listAreas(const client::Picture& picture) {
+void ScreenReader::listAreas() {
   drawn_.list(listed_, kMostAreas);
   areas_.clear();
   int64_t pixels = 0;
@@ -53,8 +58,8 @@ void ScreenReader::listAreas(const client::Picture& picture) {
     areas_.push_back({rectangle.x, rectangle.y, rectangle.width, rectangle.height});
     pixels += static_cast<int64_t>(rectangle.width) * rectangle.height;
   }
-  const int64_t all = static_cast<int64_t>(picture.width) * picture.height;
-  if (pixels * 100 > all * kMostPercent) areas_.assign(1, {0, 0, picture.width, picture.height});
+  const int64_t all = static_cast<int64_t>(drawn_.width()) * drawn_.height();
+  if (pixels * 100 > all * kMostPercent) areas_.assign(1, {0, 0, drawn_.width(), drawn_.height()});
 }
 
 }  // namespace qora::tools

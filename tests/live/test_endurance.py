@@ -15,10 +15,11 @@ SHADES = ("#202020", "#606060", "#a0a0a0", "#e0e0e0")
 
 
 def resident(recording):
-    """MiB of the recorder and its service."""
+    """MiB that the recorder and its service have for themselves: of pictures in shared memory, and of
+    libraries, what counts is what was touched."""
     text = "".join(pathlib.Path(f"/proc/{pid}/status").read_text()
                    for pid in (recording.process.pid, recording.service()))
-    return sum(int(size) for size in re.findall(r"VmRSS:\s*(\d+)", text)) / 1024
+    return sum(int(size) for size in re.findall(r"RssAnon:\s*(\d+)", text)) / 1024
 
 
 def shades_of(path):

@@ -136,7 +136,7 @@ void ScreenLines::encodeLines(std::span<const int32_t> lines) {
   std::array<bool, kLines> acquired{};
   for (const int32_t line : lines) {
     const auto index = static_cast<size_t>(line);
-    acquired[index] = session_.acquire(line, pictures[index], true) == 1;
+    acquired[index] = session_.acquire(line, pictures[index]) == 1;
     if (acquired[index]) wanted.add(lines_[index].pending);
   }
   if (wanted.isEmpty()) return;
@@ -161,6 +161,8 @@ void ScreenLines::encodeLines(std::span<const int32_t> lines) {
 
 void ScreenLines::encodeLine(int32_t line, const client::Picture& picture,
                              const client::Damage& drawn) {
+  const client::Damage none(drawn.width(), drawn.height());
+  session_.bringUpToDate(line, picture, capture::isAll(areas_, pieces_) ? drawn : none);
   for (const capture::Piece& piece : pieces_) {
     client::convertPiece({piece.pixels, piece.stride, piece.area.width, piece.area.height},
                          piece.area.x, piece.area.y, picture, client::SampleRange::full);
