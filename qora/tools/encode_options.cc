@@ -106,14 +106,11 @@ OptionTable tableFor(EncodeOptions& options) {
                                "a line a frame: type, bytes, quantizer, times, changes;\n"
                                "with several streams the stream's number comes first; \"-\" is\n"
                                "standard output"});
-  table.string(options.service,
-               {"service", 0, "PATH", "the service's program (default: beside qora-encode)"});
-  table.string(options.codecRoot, {"codec-root", 0, "DIR",
-                                   "where lib/libx264.so or codec/lib/libx264.so is\n"
-                                   "(default: $QORA_SYSTEM, then beside qora-encode)"});
-  table.flag(options.sandbox, {"sandbox", 0, nullptr,
-                               "run the service under its system call filter; qora-sandbox\n"
-                               "has to be beside it"});
+  addServiceOptions(table, options.service);
+  table.flag(options.service.sandbox,
+             {"sandbox", 0, nullptr,
+              "run the service under its system call filter; qora-sandbox\n"
+              "has to be beside it"});
   table.flag(options.verbose, {"verbose", 0, nullptr,
                                "show what the service and its encoder say on standard error;\n"
                                "otherwise only the last line, and only when they fail"});
@@ -147,13 +144,8 @@ std::string checkTogether(const std::vector<std::string>& operands, EncodeOption
 
 int32_t parseEncodeOptions(int argc, char* const argv[], EncodeOptions& options,
                            std::string& text) {
-  std::vector<std::string> operands;
-  const int32_t parsed = tableFor(options).parse(argc, argv, operands, text);
-  if (parsed != 1) return parsed;
-  const std::string problem = checkTogether(operands, options);
-  if (problem.empty()) return 1;
-  text = optionProblem(problem);
-  return -1;
+  return tableFor(options).parse(
+      argc, argv, text, [&](const auto& operands) { return checkTogether(operands, options); });
 }
 
 std::string outputPath(const std::string& output, int32_t stream) {

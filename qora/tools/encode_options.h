@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <string>
 
+#include "qora/tools/service_choice.h"
+
 namespace qora::tools {
 
 struct EncodeOptions {
@@ -32,11 +34,9 @@ struct EncodeOptions {
   bool ssim = false;
   bool progress = false;  // lines for a program
   bool quiet = false;
-  bool verbose = false;   // the service's own lines are shown
-  bool sandbox = false;   // the service gets the system calls that it needs and no others
-  std::string stats;      // a CSV file; empty: none
-  std::string service;    // empty: found beside our own program
-  std::string codecRoot;  // empty: QORA_SYSTEM, or found beside our own program
+  bool verbose = false;  // the service's own lines are shown
+  std::string stats;     // a CSV file; empty: none
+  ServiceChoice service;
 };
 
 // What a stream can say of its colours, as client::SequenceFacts has it.

@@ -10,7 +10,6 @@
 #include <limits>
 
 #include "qora/tools/interrupt.h"
-#include "qora/tools/service_paths.h"
 
 namespace qora::tools {
 namespace {
@@ -128,9 +127,8 @@ int32_t EncodeSession::openClip() {
 }
 
 int32_t EncodeSession::findEncoder() {
-  service_ = options_.service;
-  codecRoot_ = options_.codecRoot;
-  return completePaths(service_, codecRoot_, problem_);
+  service_.keepLog = !options_.verbose;
+  return findService(options_.service, service_, problem_);
 }
 
 int32_t EncodeSession::addStreams() {
@@ -157,14 +155,8 @@ int32_t EncodeSession::addStreams() {
 
 int32_t EncodeSession::startService() {
   ignoreInterrupts();
-  const std::string sandbox = options_.sandbox ? sandboxBeside(service_) : "";
-  const int32_t started = session_.start({
-      .service = {.servicePath = service_,
-                  .codecRoot = codecRoot_,
-                  .sandboxPath = sandbox,
-                  .keepLog = !options_.verbose},
-      .clock = [this] { return clipTime_; },
-  });
+  const int32_t started =
+      session_.start({.service = service_, .clock = [this] { return clipTime_; }});
   noteInterrupts();
   return started == -1 ? fail(session_.errorText()) : 1;
 }

@@ -72,8 +72,7 @@ class EncodeSession {
   void printSummary() const;
 
   const EncodeOptions options_;
-  std::string service_;
-  std::string codecRoot_;
+  client::ServiceOptions service_;
   ClipReader clip_;
   client::ScreenSession session_;
   OutputFiles outputs_;

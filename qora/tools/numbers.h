@@ -18,6 +18,17 @@ inline int32_t parseNumber(std::string_view text, int32_t lowest, int32_t highes
   return 1;
 }
 
+// Up to some months. 1, or 0 with `seconds` as it was.
+inline int32_t parseSeconds(std::string_view text, double lowest, double& seconds) {
+  constexpr double kLongest = 1e7;
+  double number = 0;
+  const char* end = text.data() + text.size();
+  const auto [stopped, error] = std::from_chars(text.data(), end, number);
+  if (error != std::errc() || stopped != end || !(number >= lowest) || number > kLongest) return 0;
+  seconds = number;
+  return 1;
+}
+
 // "<number><separator><number>", both from `lowest` to `highest`. 1, or 0 with both as they were.
 inline int32_t parsePair(std::string_view text, char separator, int32_t lowest, int32_t highest,
                          int32_t& first, int32_t& second) {

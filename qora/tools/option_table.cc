@@ -4,6 +4,7 @@
 #include <getopt.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <utility>
 
@@ -15,10 +16,12 @@ namespace {
 constexpr int kFirstLong = 256;  // an option is known to getopt_long by this and its row
 constexpr size_t kHelpColumn = 24;
 
-constexpr OptionText kHelp = {"help", 'h', nullptr, "this text"};
-constexpr OptionText kVersion = {"version", 0, nullptr, "the version"};
-constexpr OptionText kCompletion = {"completion", 0, "SHELL",
-                                    "a script that completes these options in bash or zsh"};
+// What every program has as well, in the order of --help.
+std::array<OptionText, 3> commonOptions() {
+  return {{{"help", 'h', nullptr, "this text"},
+           {"version", 0, nullptr, "the version"},
+           {"completion", 0, "SHELL", "a script that completes these options in bash or zsh"}}};
+}
 
 std::string helpLine(const OptionText& text) {
   std::string line = text.letter != 0 ? std::string("  -") + text.letter + ", " : "      ";
@@ -29,9 +32,9 @@ std::string helpLine(const OptionText& text) {
   } else {
     line.resize(kHelpColumn, ' ');
   }
-  for (const char* c = text.help; *c != '\0'; ++c) {
-    line += *c;
-    if (*c == '\n') line.append(kHelpColumn, ' ');
+  for (const char c : text.help) {
+    line += c;
+    if (c == '\n') line.append(kHelpColumn, ' ');
   }
   return line + "\n";
 }
@@ -48,14 +51,14 @@ std::string joined(const std::vector<std::string>& words, const char* separator)
 }
 
 // Inside a quoted description of zsh's. Brackets and colons have a meaning there.
-std::string zshText(const char* help) {
+std::string zshText(const std::string& help) {
   std::string text;
-  for (const char* c = help; *c != '\0'; ++c) {
-    if (*c == '[' || *c == ']' || *c == ':' || *c == '\\') text += '\\';
-    if (*c == '\'') {
+  for (const char c : help) {
+    if (c == '[' || c == ']' || c == ':' || c == '\\') text += '\\';
+    if (c == '\'') {
       text += "'\\''";
     } else {
-      text += *c == '\n' ? ' ' : *c;
+      text += c == '\n' ? ' ' : c;
     }
   }
   return text;
@@ -107,8 +110,8 @@ void OptionTable::custom(const OptionText& text, Reader reader) {
   rows_.push_back({text, std::move(reader), {}});
 }
 
-int32_t OptionTable::parse(int argc, char* const argv[], std::vector<std::string>& operands,
-                           std::string& text) const {
+int32_t OptionTable::parse(int argc, char* const argv[], std::string& text,
+                           const Check& check) const {
   std::vector<option> names;
   std::string letters = ":h";
   for (const Row& row : rows_) {
@@ -119,9 +122,10 @@ int32_t OptionTable::parse(int argc, char* const argv[], std::vector<std::string
     if (row.text.letter != 0 && argument == required_argument) letters += ':';
   }
   const int special = kFirstLong + static_cast<int>(names.size());
-  names.push_back({kHelp.name, no_argument, nullptr, 'h'});
-  names.push_back({kVersion.name, no_argument, nullptr, special});
-  names.push_back({kCompletion.name, required_argument, nullptr, special + 1});
+  const auto [helpOption, versionOption, completionOption] = commonOptions();
+  names.push_back({helpOption.name, no_argument, nullptr, 'h'});
+  names.push_back({versionOption.name, no_argument, nullptr, special});
+  names.push_back({completionOption.name, required_argument, nullptr, special + 1});
   names.push_back({});
 
   optind = 0;  // a new vector
@@ -149,21 +153,23 @@ int32_t OptionTable::parse(int argc, char* const argv[], std::vector<std::string
     text = optionProblem(std::string("--") + row->text.name + " needs " + wanted);
     return -1;
   }
-  operands.assign(argv + optind, argv + argc);
-  return 1;
+  const std::string problem = check({argv + optind, argv + argc});
+  if (problem.empty()) return 1;
+  text = optionProblem(problem);
+  return -1;
 }
 
 std::string OptionTable::help() const {
   std::string text = "usage: " + program_ + " " + usage_ + "\n\n" + about_ + "\n\n";
   for (const Row& row : rows_) text += helpLine(row.text);
-  text += helpLine(kHelp) + helpLine(kVersion) + helpLine(kCompletion);
+  for (const OptionText& option : commonOptions()) text += helpLine(option);
   return footer_.empty() ? text : text + "\n" + footer_ + "\n";
 }
 
 std::string OptionTable::completion(const std::string& shell) const {
   std::vector<Row> all = rows_;
-  for (const OptionText& text : {kHelp, kVersion}) all.push_back({text, {}, {}});
-  all.push_back({kCompletion, {}, {"bash", "zsh"}});
+  for (const OptionText& text : commonOptions()) all.push_back({text, {}, {}});
+  all.back().words = {"bash", "zsh"};
   if (shell == "bash") {
     std::string names, cases;
     for (const Row& row : all) {

@@ -5,7 +5,7 @@
 //     OptionTable table("qora-encode", "[options] INPUT -o OUTPUT", "Encodes a clip ...");
 //     table.number(options.bitrate, {"bitrate", 0, "KBPS", "average bitrate"}, 1, 65535);
 //     table.flag(options.quiet, {"quiet", 0, nullptr, "no progress line"});
-//     const int32_t parsed = table.parse(argc, argv, operands, text);
+//     const int32_t parsed = table.parse(argc, argv, text, check);
 //
 // Every program has --help, --version and --completion as well. A table refers to the variables
 // that it fills and must not outlive them. One thread: the C library's parser keeps its place in
@@ -19,12 +19,12 @@
 
 namespace qora::tools {
 
-// How one option is written and explained. All texts are literals.
+// How one option is written and explained.
 struct OptionText {
-  const char* name;   // without the dashes
+  const char* name;   // a literal, without the dashes
   char letter;        // 0: it has only the name
-  const char* value;  // what stands for the value in --help; null for a flag
-  const char* help;   // '\n' begins the next line
+  const char* value;  // a literal that stands for the value in --help; null for a flag
+  std::string help;   // '\n' begins the next line
 };
 
 class OptionTable {
@@ -45,11 +45,13 @@ class OptionTable {
   void choice(int32_t& target, const OptionText& text, std::vector<std::string> words);
   void custom(const OptionText& text, Reader reader);
 
-  // 1: read, the words that are no options stand in `operands`. 0: the user asked for `text`, to be
-  // printed on standard output. -1: `text` says what is wrong, in one line.
-  int32_t parse(int argc, char* const argv[], std::vector<std::string>& operands,
-                std::string& text) const;
+  // 1: read. 0: the user asked for `text`, to be printed on standard output. -1: `text` says what
+  // is wrong, in one line. `check` gets the words that are no options when all options were taken,
+  // and returns what is wrong with the whole, empty when nothing is.
+  using Check = std::function<std::string(const std::vector<std::string>& operands)>;
+  int32_t parse(int argc, char* const argv[], std::string& text, const Check& check) const;
 
+  const std::string& program() const { return program_; }
   std::string help() const;
   // A script for "bash" or "zsh"; empty for another shell.
   std::string completion(const std::string& shell) const;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "qora/client/quality_control.h"
+#include "qora/tools/numbers.h"
 #include "qora/tools/option_table.h"
 
 namespace qora::tools {
@@ -49,12 +50,8 @@ std::string readWindow(const char* value, int32_t& window) {
 }
 
 std::string readDuration(const char* value, std::chrono::milliseconds& duration) {
-  constexpr double kLongest = 1e7;
   double seconds = 0;
-  const std::string_view text = value;
-  const char* end = text.data() + text.size();
-  const auto [stopped, error] = std::from_chars(text.data(), end, seconds);
-  if (error != std::errc() || stopped != end || !(seconds >= 0.001) || seconds > kLongest) {
+  if (parseSeconds(value, 0.001, seconds) == 0) {
     return std::string("a number of seconds, not '") + value + "'";
   }
   duration = std::chrono::milliseconds(std::llround(seconds * 1000));
@@ -97,14 +94,11 @@ OptionTable tableFor(RecordOptions& options) {
                0, 86400);
   table.number(options.threads,
                {"threads", 0, "N", "encoder threads, 0: the encoder decides (default 1)"}, 0, 128);
-  table.string(options.service,
-               {"service", 0, "PATH", "the service's program (default: beside qora-record)"});
-  table.string(options.codecRoot, {"codec-root", 0, "DIR",
-                                   "where lib/libx264.so or codec/lib/libx264.so is\n"
-                                   "(default: $QORA_SYSTEM, then beside qora-record)"});
-  table.flag(options.sandbox, {"sandbox", 0, nullptr,
-                               "run the service under its system call filter; qora-sandbox\n"
-                               "has to be beside it"});
+  addServiceOptions(table, options.service);
+  table.flag(options.service.sandbox,
+             {"sandbox", 0, nullptr,
+              "run the service under its system call filter; qora-sandbox\n"
+              "has to be beside it"});
   table.flag(options.quiet, {"quiet", 0, nullptr, "no progress line, no summary"});
   return table;
 }
@@ -120,13 +114,8 @@ std::string checkTogether(const std::vector<std::string>& operands, const Record
 
 int32_t parseRecordOptions(int argc, char* const argv[], RecordOptions& options,
                            std::string& text) {
-  std::vector<std::string> operands;
-  const int32_t parsed = tableFor(options).parse(argc, argv, operands, text);
-  if (parsed != 1) return parsed;
-  const std::string problem = checkTogether(operands, options);
-  if (problem.empty()) return 1;
-  text = optionProblem(problem);
-  return -1;
+  return tableFor(options).parse(
+      argc, argv, text, [&](const auto& operands) { return checkTogether(operands, options); });
 }
 
 }  // namespace qora::tools

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "qora/client/damage.h"
+#include "qora/tools/service_choice.h"
 
 namespace qora::tools {
 
@@ -25,9 +26,7 @@ struct RecordOptions {
   int32_t keyInterval = -1;  // seconds; 0: no key frame but where needed; -1: 10 in .mp4 and .mkv
   int32_t threads = 1;
   bool quiet = false;
-  bool sandbox = false;
-  std::string service;    // empty: found beside our own program
-  std::string codecRoot;  // empty: QORA_SYSTEM, or found beside our own program
+  ServiceChoice service;
 };
 
 // 1: go on with `options`. 0: the user asked for `text`, the help or the version. -1: `text` says

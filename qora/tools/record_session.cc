@@ -12,7 +12,6 @@
 #include "qora/base/error_text.h"
 #include "qora/client/sequence_parameters.h"
 #include "qora/tools/interrupt.h"
-#include "qora/tools/service_paths.h"
 
 namespace qora::tools {
 namespace {
@@ -121,16 +120,11 @@ int32_t RecordSession::open() {
 }
 
 int32_t RecordSession::startService() {
-  std::string service = options_.service;
-  std::string codecRoot = options_.codecRoot;
-  if (completePaths(service, codecRoot, problem_) == -1) return -1;
-  const std::string sandbox = options_.sandbox ? sandboxBeside(service) : "";
+  client::ServiceOptions service;
+  if (findService(options_.service, service, problem_) == -1) return -1;
   // A picture that is due goes before one that is only to be sharpened, and takes that along.
-  const int32_t started = session_.start(
-      {.service = {.servicePath = service, .codecRoot = codecRoot, .sandboxPath = sandbox},
-       .frameInterval = interval_ * 5 / 4});
-  return started == 1 ? 1
-                      : fail("cannot start the service " + service + ": " + session_.errorText());
+  if (session_.start({.service = service, .frameInterval = interval_ * 5 / 4}) == 1) return 1;
+  return fail("cannot start the service " + service.servicePath + ": " + session_.errorText());
 }
 
 // 1: stopped in order. 0: the screen is gone. -1: failed.

@@ -87,8 +87,9 @@ TEST(EncodeOptionsTest, ReadCommandLines) {
     EncodeOptions o;
     std::string result;
     if (parseEncodeOptions(static_cast<int>(words.size()), argv.data(), o, result) == 1) {
-      result = o.input + " " + o.output + " " + o.stats + "-" + o.service + "-" + o.codecRoot +
-               "-, " + pair(o.width, "x", o.height) + ", " + std::to_string(o.bitrate) + ", " +
+      result = o.input + " " + o.output + " " + o.stats + "-" + o.service.path + "-" +
+               o.service.codecRoot + "-, " + pair(o.width, "x", o.height) + ", " +
+               std::to_string(o.bitrate) + ", " +
                (o.quality == o.kNoQuality ? "" : std::to_string(o.quality)) + ", " +
                pair(o.qpMin, "-", o.qpMax) + ", " + pair(o.threads, ", ", o.streams) + ", " +
                pair(o.frames, ", ", o.noRectangles) + std::to_string(o.quiet);

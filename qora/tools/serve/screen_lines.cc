@@ -3,11 +3,9 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 
 #include "qora/client/convert.h"
 #include "qora/tools/serve/reactor.h"
-#include "qora/tools/service_paths.h"
 
 namespace qora::serve {
 namespace {
@@ -29,17 +27,8 @@ int32_t ScreenLines::open() {
 }
 
 int32_t ScreenLines::startService() {
-  const std::string folder = tools::programFolder();
   client::SessionOptions session;
-  session.service.servicePath =
-      options_.service.empty() ? tools::findService(folder) : options_.service;
-  session.service.codecRoot = options_.codecRoot;
-  if (session.service.codecRoot.empty() && std::getenv("QORA_SYSTEM") == nullptr) {
-    session.service.codecRoot = tools::findCodecRoot(folder);
-  }
-  if (options_.sandbox) {
-    session.service.sandboxPath = tools::sandboxBeside(session.service.servicePath);
-  }
+  if (tools::findService(options_.service, session.service, problem_) == -1) return -1;
   session.frameInterval = std::chrono::microseconds(kSecond / options_.fps);
   if (session_.start(session) == 1) return 1;
   problem_ = "cannot start the service: " + session_.errorText();

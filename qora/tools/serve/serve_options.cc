@@ -56,12 +56,8 @@ OptionTable tableFor(ServeOptions& options) {
   table.string(options.tokens, {"tokens", 0, "FILE",
                                 "keep the addresses' secrets in this file, so that they stay\n"
                                 "good; it is made when it is not there"});
-  table.string(options.service,
-               {"service", 0, "PATH", "the service's program (default: beside qora-serve)"});
-  table.string(options.codecRoot, {"codec-root", 0, "DIR",
-                                   "where lib/libx264.so or codec/lib/libx264.so is\n"
-                                   "(default: $QORA_SYSTEM, then beside qora-serve)"});
-  table.flag(options.sandbox,
+  tools::addServiceOptions(table, options.service);
+  table.flag(options.service.sandbox,
              {"sandbox", 0, nullptr, "run the service under its system call filter"});
   return table;
 }
@@ -81,13 +77,8 @@ std::string checkTogether(const std::vector<std::string>& operands, const ServeO
 }  // namespace
 
 int32_t parseServeOptions(int argc, char* const argv[], ServeOptions& options, std::string& text) {
-  std::vector<std::string> operands;
-  const int32_t parsed = tableFor(options).parse(argc, argv, operands, text);
-  if (parsed != 1) return parsed;
-  const std::string problem = checkTogether(operands, options);
-  if (problem.empty()) return 1;
-  text = tools::optionProblem(problem);
-  return -1;
+  return tableFor(options).parse(
+      argc, argv, text, [&](const auto& operands) { return checkTogether(operands, options); });
 }
 
 }  // namespace qora::serve

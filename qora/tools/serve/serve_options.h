@@ -9,6 +9,7 @@
 #include "qora/capture/screen.h"
 #include "qora/client/quality_control.h"
 #include "qora/tools/serve/web_server.h"
+#include "qora/tools/service_choice.h"
 
 namespace qora::serve {
 
@@ -22,9 +23,7 @@ struct ServeOptions {
   int32_t maxRate = 50'000;  // kbit/s a viewer
   int32_t quality = client::kDefaultQuality;
   int32_t threads = 1;
-  bool sandbox = false;
-  std::string service;    // empty: found beside our own program
-  std::string codecRoot;  // empty: QORA_SYSTEM, or found beside our own program
+  tools::ServiceChoice service;
 };
 
 // 1: go on with `options`. 0: the user asked for `text`, the help or the version. -1: `text` says

@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: BSD-2-Clause
 #include "qora/tools/view/view_options.h"
 
-#include <charconv>
 #include <cmath>
-#include <string_view>
 #include <vector>
 
+#include "qora/tools/numbers.h"
 #include "qora/tools/option_table.h"
 
 namespace qora::tools {
@@ -20,12 +19,8 @@ constexpr char kFooter[] =
 cut off or, with --verify, not what it should be; what can be shown of it was shown.)";
 
 std::string readTime(const char* value, std::chrono::microseconds& time) {
-  constexpr double kLongest = 1e7;
   double seconds = 0;
-  const std::string_view text = value;
-  const char* end = text.data() + text.size();
-  const auto [stopped, error] = std::from_chars(text.data(), end, seconds);
-  if (error != std::errc() || stopped != end || !(seconds >= 0) || seconds > kLongest) {
+  if (parseSeconds(value, 0, seconds) == 0) {
     return std::string("a number of seconds, not '") + value + "'";
   }
   time = std::chrono::microseconds(std::llround(seconds * 1e6));
@@ -66,13 +61,8 @@ std::string checkTogether(const std::vector<std::string>& operands, ViewOptions&
 }  // namespace
 
 int32_t parseViewOptions(int argc, char* const argv[], ViewOptions& options, std::string& text) {
-  std::vector<std::string> operands;
-  const int32_t parsed = tableFor(options).parse(argc, argv, operands, text);
-  if (parsed != 1) return parsed;
-  const std::string problem = checkTogether(operands, options);
-  if (problem.empty()) return 1;
-  text = optionProblem(problem);
-  return -1;
+  return tableFor(options).parse(
+      argc, argv, text, [&](const auto& operands) { return checkTogether(operands, options); });
 }
 
 }  // namespace qora::tools
