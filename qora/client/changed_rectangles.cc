@@ -6,72 +6,18 @@
 #include <cstring>
 #include <utility>
 
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
+#include "qora/client/block_differences.h"
 
 namespace qora::client {
 namespace {
+
+constexpr int32_t kRowsAtOnce = 8;
 
 int32_t cellsIn(int32_t pixels, int32_t cellSize) {
   return (pixels + cellSize - 1) / cellSize;
 }
 
-#if defined(__SSE2__)
-
-// A bit a byte: 1 where 16 bytes differ.
-int differences(const uint8_t* before, const uint8_t* after) {
-  const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(before));
-  const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(after));
-  return _mm_movemask_epi8(_mm_cmpeq_epi8(a, b)) ^ 0xFFFF;
-}
-
-// Whether 64 bytes are equal.
-bool areEqual(const uint8_t* before, const uint8_t* after) {
-  __m128i all = _mm_set1_epi8(-1);
-  for (int32_t at = 0; at < 64; at += 16) {
-    const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(before + at));
-    const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(after + at));
-    all = _mm_and_si128(all, _mm_cmpeq_epi8(a, b));
-  }
-  return _mm_movemask_epi8(all) == 0xFFFF;
-}
-
-#endif
-
 }  // namespace
-
-void markDifferentBlocksPlain(const uint8_t* before, const uint8_t* after, int32_t bytes,
-                              int32_t blockSize, uint8_t* changed) {
-  for (int32_t i = 0; i < bytes; ++i) {
-    if (before[i] != after[i]) changed[i / blockSize] = 1;
-  }
-}
-
-void markDifferentBlocks(const uint8_t* before, const uint8_t* after, int32_t bytes,
-                         int32_t blockSize, uint8_t* changed) {
-  int32_t done = 0;
-#if defined(__SSE2__)
-  while (bytes - done >= 16) {
-    // Most of a desktop is equal to what was there before, so four steps are tried as one.
-    if (bytes - done >= 64 && areEqual(before + done, after + done)) {
-      done += 64;
-      continue;
-    }
-    const int different = differences(before + done, after + done);
-    if (blockSize == 16) {
-      changed[done / 16] |= static_cast<uint8_t>(different != 0);
-    } else {
-      changed[done / 8] |= static_cast<uint8_t>((different & 0x00FF) != 0);
-      changed[done / 8 + 1] |= static_cast<uint8_t>((different & 0xFF00) != 0);
-    }
-    done += 16;
-  }
-#endif
-  // `done` is a multiple of both block sizes.
-  markDifferentBlocksPlain(before + done, after + done, bytes - done, blockSize,
-                           changed + done / blockSize);
-}
 
 int32_t mergeCells(const CellMap& map, int32_t width, int32_t height, int32_t limit,
                    std::vector<service::Rectangle>& list) {
@@ -143,10 +89,11 @@ void markChangedCells(const Picture& before, const Picture& after, int32_t row, 
     const int32_t start = first * blockSize;
     const int32_t bytes = std::min(end * blockSize, planeWidth(after, plane)) - start;
     const int32_t last = std::min((row + 1) * blockSize, planeHeight(after, plane));
-    for (int32_t y = row * blockSize; y < last; ++y) {
-      const uint8_t* a = before.plane[plane] + int64_t{y} * before.stride[plane] + start;
-      const uint8_t* b = after.plane[plane] + int64_t{y} * after.stride[plane] + start;
-      markDifferentBlocks(a, b, bytes, blockSize, changed + first);
+    for (int32_t y = row * blockSize; y < last; y += kRowsAtOnce) {
+      const SampleRows ours = rowsAt(after, plane, start, y);
+      const SampleRows theirs = rowsAt(before, plane, start, y);
+      const int32_t rows = std::min(kRowsAtOnce, last - y);
+      markBlocks(theirs, ours, bytes, rows, blockSize, kAnyDistance, changed + first);
       // Nothing is left to find once the row is changed from end to end.
       if (std::memchr(changed + first, 0, static_cast<size_t>(end - first)) == nullptr) return;
     }

@@ -46,13 +46,6 @@ inline constexpr service::Rectangle wholePicture(int32_t width, int32_t height) 
 
 // The steps of the search.
 
-// Sets changed[i] when block i of two rows of `bytes` bytes differs, and leaves it otherwise.
-// `blockSize` is 16 or 8; the last block may be a partial one. The plain one is the measure.
-void markDifferentBlocks(const uint8_t* before, const uint8_t* after, int32_t bytes,
-                         int32_t blockSize, uint8_t* changed);
-void markDifferentBlocksPlain(const uint8_t* before, const uint8_t* after, int32_t bytes,
-                              int32_t blockSize, uint8_t* changed);
-
 // Sets changed[i] when macroblock i of a row of macroblocks differs, for the columns [first, end).
 void markChangedCells(const Picture& before, const Picture& after, int32_t row, int32_t first,
                       int32_t end, uint8_t* changed);

@@ -55,6 +55,10 @@ constexpr int32_t weigh(const Weights& by, int32_t blue, int32_t green, int32_t 
 
 #if defined(__x86_64__)
 
+// The pixels come from the screen's process, so they are far from this processor: they are asked
+// for so many bytes before they are needed, further than it looks ahead by itself.
+constexpr ptrdiff_t kAhead = 4096;
+
 // A pixel's four words times the weights, added by pairs: two numbers a pixel.
 [[gnu::target("avx2")]] __m256i weightsOf(const Weights& by) {
   return _mm256_set1_epi64x(static_cast<int64_t>(static_cast<uint16_t>(by.red)) << 32 |
@@ -80,6 +84,8 @@ constexpr int32_t weigh(const Weights& by, int32_t blue, int32_t green, int32_t 
   int32_t x = 0;
   for (; x + 32 <= width; x += 32) {
     const uint8_t* from = pixels + ptrdiff_t{4} * x;
+    __builtin_prefetch(from + kAhead);
+    __builtin_prefetch(from + kAhead + 64);
     const __m256i first =
         _mm256_packs_epi32(lumaSums(from, by, base), lumaSums(from + 32, by, base));
     const __m256i second =

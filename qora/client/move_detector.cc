@@ -9,12 +9,8 @@
 #include <initializer_list>
 #include <utility>
 
-#include "qora/client/changed_rectangles.h"
+#include "qora/client/block_differences.h"
 #include "qora/client/region_copies.h"
-
-#if defined(__x86_64__)
-#include <immintrin.h>
-#endif
 
 namespace qora::client {
 namespace {
@@ -46,65 +42,60 @@ struct Run {
   int32_t row, first, cells;
 };
 
-// Marks the macroblocks that differ in a plane from what stands (x, y) samples on in `before`.
-void markDifferent(const MoveSearch& search, const Run& run, int32_t plane, int32_t x, int32_t y,
-                   uint8_t* different) {
-  const auto& [before, after, tolerance] = search;
+// Marks how the macroblocks of a run differ in a plane from what stands (x, y) samples on in
+// `before`.
+void markRun(const MoveSearch& search, const Run& run, int32_t plane, int32_t x, int32_t y,
+             uint8_t* marks) {
   const int32_t side = plane == 0 ? kMacroblockSize : kMacroblockSize / 2;
   const int32_t left = run.first * side;
-  for (int32_t top = run.row * side; top < (run.row + 1) * side; ++top) {
-    const uint8_t* to = after.plane[plane] + ptrdiff_t{top} * after.stride[plane] + left;
-    const uint8_t* from =
-        before.plane[plane] + ptrdiff_t{top + y} * before.stride[plane] + left + x;
-    if (plane == 0 || tolerance == 0) {
-      markDifferentBlocks(from, to, run.cells * side, side, different);
-    } else {
-      markDistantBlocks(from, to, run.cells * side, tolerance, different);
-    }
-    if (std::memchr(different, 0, static_cast<size_t>(run.cells)) == nullptr) return;
+  const int32_t top = run.row * side;
+  markBlocks(rowsAt(search.before, plane, left + x, top + y),
+             rowsAt(search.after, plane, left, top), run.cells * side, side, side, search.tolerance,
+             marks);
+}
+
+// Adds the macroblocks of a run that have none of the marks. Returns how many.
+int32_t addUnmarked(const Run& run, const uint8_t* marks, uint8_t which, Damage& cells) {
+  int32_t count = 0;
+  for (int32_t at = 0; at < run.cells; ++at) {
+    if ((marks[at] & which) != 0) continue;
+    cells.set(run.first + at, run.row);
+    ++count;
+  }
+  return count;
+}
+
+// Looks which macroblocks in columns [first, end) of a row are whole, may be copied and have the
+// samples of their source, by each way to go the distance: in one pass, while they are at hand.
+void matchRun(const MoveSearch& search, int32_t row, int32_t first, int32_t end, MoveMatch& match) {
+  const Reach columns = reachable(match.dx, match.luma.width());
+  const Reach rows = reachable(match.dy, match.luma.height());
+  first = std::max(first, columns.first);
+  const Run run = {row, first, std::min(end, columns.end) - first};
+  if (row < rows.first || row >= rows.end || run.cells <= 0) return;
+  const auto cells = static_cast<size_t>(run.cells);
+  match.inLuma.assign(cells, 0);
+  markRun(search, run, 0, match.dx, match.dy, match.inLuma.data());
+  if (addUnmarked(run, match.inLuma.data(), kDiffers, match.luma) == 0) return;
+  for (MoveWay& way : match.ways) {
+    const int32_t x = (way.dx >> 1) + ((way.flags & service::kChromaRightFlag) != 0 ? 1 : 0);
+    const int32_t y = (way.dy >> 1) + ((way.flags & service::kChromaDownFlag) != 0 ? 1 : 0);
+    match.inAll = match.inLuma;
+    for (uint8_t& mark : match.inAll) mark = mark != 0 ? kDiffers | kIsDistant : 0;
+    for (const int32_t plane : {1, 2}) markRun(search, run, plane, x, y, match.inAll.data());
+    addUnmarked(run, match.inAll.data(), search.tolerance > 0 ? kIsDistant : kDiffers, way.cells);
+    way.exact += static_cast<int32_t>(std::count(match.inAll.begin(), match.inAll.end(), 0));
   }
 }
 
-// The macroblocks among `cells` that are whole, may be copied and have the samples of their source
-// in the planes.
-Damage equalCells(const MoveSearch& search, const MoveWay& way, const Damage& cells,
-                  std::initializer_list<int32_t> planes) {
-  const Reach columns = reachable(way.dx, cells.width());
-  const Reach rows = reachable(way.dy, cells.height());
-  const int32_t chromaX = (way.dx >> 1) + ((way.flags & service::kChromaRightFlag) != 0 ? 1 : 0);
-  const int32_t chromaY = (way.dy >> 1) + ((way.flags & service::kChromaDownFlag) != 0 ? 1 : 0);
-  Damage equal(cells.width(), cells.height());
-  std::vector<uint8_t> different(static_cast<size_t>(cells.columns()));
-  cells.forEachRun([&](int32_t row, int32_t runFirst, int32_t runEnd) {
-    const int32_t first = std::max(runFirst, columns.first);
-    const Run run = {row, first, std::min(runEnd, columns.end) - first};
-    if (row < rows.first || row >= rows.end || run.cells <= 0) return;
-    std::fill_n(different.begin(), run.cells, uint8_t{0});
-    for (const int32_t plane : planes) {
-      markDifferent(search, run, plane, plane == 0 ? way.dx : chromaX,
-                    plane == 0 ? way.dy : chromaY, different.data());
-    }
-    for (int32_t column = first; column < first + run.cells; ++column) {
-      if (different[static_cast<size_t>(column - first)] == 0) equal.set(column, row);
-    }
-  });
-  return equal;
-}
-
-// The ways to go a distance with the macroblocks for which each is exact in chroma, the best first.
-std::vector<MoveWay> waysOf(const MoveSearch& search, const MoveDistance& distance,
-                            const Damage& cells) {
-  const MoveSearch exact = {search.before, search.after, 0};
-  std::vector<MoveWay> ways;
+void beginMatch(const MoveDistance& distance, const Picture& picture, MoveMatch& match) {
+  match.dx = distance.dx;
+  match.dy = distance.dy;
+  match.luma.resize(picture.width, picture.height);
+  match.ways.clear();
   for (const uint8_t flags : flagChoices(distance)) {
-    MoveWay way = {distance.dx, distance.dy, flags, {}, {}};
-    way.cells = equalCells(exact, way, cells, {1, 2});
-    ways.push_back(std::move(way));
+    match.ways.push_back({distance.dx, distance.dy, flags, 0, match.luma, {}});
   }
-  std::stable_sort(ways.begin(), ways.end(), [](const MoveWay& a, const MoveWay& b) {
-    return a.cells.count() > b.cells.count();
-  });
-  return ways;
 }
 
 // Whether a copy makes its destination what it is, to the tolerance.
@@ -142,17 +133,19 @@ void grow(const MoveSearch& search, service::RegionCopy& copy) {
         vertical ? &service::RegionCopy::destinationY : &service::RegionCopy::destinationX;
     uint16_t service::RegionCopy::*const length =
         vertical ? &service::RegionCopy::height : &service::RegionCopy::width;
-    for (int32_t step = 0; step < kMacroblockSize / 2; ++step) {
+    // From far to near: mostly all of it is right, or what is furthest is not.
+    for (int32_t pixels = kMacroblockSize; pixels > 0; pixels -= 2) {
       service::RegionCopy strip = copy;
-      const int32_t start = before ? -2 : copy.*length;
+      const int32_t start = before ? -pixels : copy.*length;
       strip.*source = static_cast<uint16_t>(strip.*source + start);
       strip.*destination = static_cast<uint16_t>(strip.*destination + start);
-      strip.*length = 2;
-      if (!isRight(search, strip)) break;
-      copy.*length = static_cast<uint16_t>(copy.*length + 2);
-      if (!before) continue;
+      strip.*length = static_cast<uint16_t>(pixels);
+      if (!isRight(search, strip)) continue;
+      copy.*length = static_cast<uint16_t>(copy.*length + pixels);
+      if (!before) break;
       copy.*source = strip.*source;
       copy.*destination = strip.*destination;
+      break;
     }
   }
 }
@@ -173,20 +166,21 @@ void markUnequal(const Picture& before, const Picture& picture, const service::R
   const CopyBlock block = blockOf(copy, plane);
   const int32_t side = plane == 0 ? kMacroblockSize : kMacroblockSize / 2;
   const int32_t head = std::min((side - block.toX % side) % side, block.width);
-  std::vector<uint8_t> different(static_cast<size_t>(block.width / side + 2));
-  for (int32_t row = 0; row < block.height; ++row) {
-    const int32_t y = block.toY + row;
-    const uint8_t* from =
-        before.plane[plane] + ptrdiff_t{block.fromY + row} * before.stride[plane] + block.fromX;
-    const uint8_t* to = picture.plane[plane] + ptrdiff_t{y} * picture.stride[plane] + block.toX;
-    markDifferentBlocks(from, to, head, side, different.data());
-    markDifferentBlocks(from + head, to + head, block.width - head, side, different.data() + 1);
-    if (y % side != side - 1 && row != block.height - 1) continue;
-    for (size_t at = 0; at < different.size(); ++at) {
-      if (different[at] == 0) continue;
+  std::vector<uint8_t> marks(static_cast<size_t>(block.width / side + 2));
+  for (int32_t done = 0, rows = 0; done < block.height; done += rows) {
+    const int32_t y = block.toY + done;
+    rows = std::min(side - y % side, block.height - done);
+    std::fill(marks.begin(), marks.end(), uint8_t{0});
+    const auto mark = [&](int32_t start, int32_t width, uint8_t* to) {
+      markBlocks(rowsAt(before, plane, block.fromX + start, block.fromY + done),
+                 rowsAt(picture, plane, block.toX + start, y), width, rows, side, kAnyDistance, to);
+    };
+    mark(0, head, marks.data());
+    mark(head, block.width - head, marks.data() + 1);
+    for (size_t at = 0; at < marks.size(); ++at) {
       const auto next = static_cast<int32_t>(at) - 1;
-      unequal.set(at == 0 ? block.toX / side : (block.toX + head) / side + next, y / side);
-      different[at] = 0;
+      const int32_t column = at == 0 ? block.toX / side : (block.toX + head) / side + next;
+      if (marks[at] != 0) unequal.set(column, y / side);
     }
   }
 }
@@ -206,47 +200,25 @@ Area bounds(const Damage& cells) {
 
 }  // namespace
 
-void markDistantBlocksPlain(const uint8_t* before, const uint8_t* after, int32_t bytes,
-                            int32_t tolerance, uint8_t* distant) {
-  for (int32_t i = 0; i < bytes; ++i) {
-    if (std::abs(before[i] - after[i]) > tolerance) distant[i / 8] = 1;
-  }
-}
-
-void markDistantBlocks(const uint8_t* before, const uint8_t* after, int32_t bytes,
-                       int32_t tolerance, uint8_t* distant) {
-  int32_t done = 0;
-#if defined(__SSE2__)
-  const __m128i allowed = _mm_set1_epi8(static_cast<char>(std::min(tolerance, 255)));
-  for (; done + 16 <= bytes; done += 16) {
-    const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(before + done));
-    const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(after + done));
-    const __m128i distance = _mm_or_si128(_mm_subs_epu8(a, b), _mm_subs_epu8(b, a));
-    const __m128i within = _mm_cmpeq_epi8(_mm_subs_epu8(distance, allowed), _mm_setzero_si128());
-    const int far = _mm_movemask_epi8(within) ^ 0xFFFF;
-    distant[done / 8] |= static_cast<uint8_t>((far & 0x00FF) != 0);
-    distant[done / 8 + 1] |= static_cast<uint8_t>((far & 0xFF00) != 0);
-  }
-#endif
-  markDistantBlocksPlain(before + done, after + done, bytes - done, tolerance, distant + done / 8);
-}
-
+// Takes what a distance explains off the macroblocks that remain, if it is worth it.
 void MoveDetector::match(const MoveSearch& search, const MoveDistance& distance,
                          Damage& remaining) {
-  const auto& [dx, dy, votes] = distance;
-  Damage left = equalCells(search, {dx, dy, 0, {}, {}}, remaining, {0});
+  beginMatch(distance, search.after, match_);
+  remaining.forEachRun(
+      [&](int32_t row, int32_t first, int32_t end) { matchRun(search, row, first, end, match_); });
+  Damage& left = match_.luma;
   if (left.count() < kFewestMoved) return;
-  std::vector<MoveWay> ways = waysOf(search, distance, left);
   const int32_t before = left.count();
-  for (MoveWay& way : ways) {
-    if (search.tolerance > 0) way.cells = equalCells(search, way, left, {1, 2});
+  std::stable_sort(match_.ways.begin(), match_.ways.end(),
+                   [](const MoveWay& a, const MoveWay& b) { return a.exact > b.exact; });
+  for (MoveWay& way : match_.ways) {
     way.cells.intersect(left);
     left.subtract(way.cells);
   }
   // Of a move that is mostly in between chroma samples the encoder makes more than copies do: they
   // would take its neighbours' motion away from it.
   if (before - left.count() < std::max(kFewestMoved, before / 2)) return;
-  for (MoveWay& way : ways) {
+  for (MoveWay& way : match_.ways) {
     if (way.cells.isEmpty()) continue;
     remaining.subtract(way.cells);
     fill(search, way);
@@ -254,13 +226,19 @@ void MoveDetector::match(const MoveSearch& search, const MoveDistance& distance,
   }
 }
 
+// With what stands between the macroblocks and does no harm.
 void MoveDetector::fill(const MoveSearch& search, MoveWay& way) {
   way.filled = way.cells;
   if (way.cells.count() < kFewestMoved) return;
   Damage spare(way.cells.width(), way.cells.height());
   spare.add(bounds(way.cells));
   spare.subtract(way.cells);
-  way.filled.add(equalCells(search, way, spare, {0, 1, 2}));
+  MoveMatch between{way.dx, way.dy, {}, {}, {}, {}};
+  between.luma.resize(spare.width(), spare.height());
+  between.ways.push_back({way.dx, way.dy, way.flags, 0, between.luma, {}});
+  spare.forEachRun(
+      [&](int32_t row, int32_t first, int32_t end) { matchRun(search, row, first, end, between); });
+  way.filled.add(between.ways.front().cells);
 }
 
 void MoveDetector::listCopies(const MoveSearch& search, Moves& moves) {

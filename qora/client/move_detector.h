@@ -48,8 +48,16 @@ struct MoveSearch {
 struct MoveWay {
   int32_t dx, dy;
   uint8_t flags;
+  int32_t exact;  // how many macroblocks it makes right without a tolerance
   Damage cells;   // changed macroblocks
   Damage filled;  // with those between them for which a copy does no harm
+};
+// What a distance explains.
+struct MoveMatch {
+  int32_t dx, dy;
+  Damage luma;  // macroblocks that are right in luma
+  std::vector<MoveWay> ways;
+  std::vector<uint8_t> inLuma, inAll;  // for their memory
 };
 
 // Holds memory from one search to the next, nothing else. One thread at a time.
@@ -80,6 +88,7 @@ class MoveDetector {
 
   int32_t unexplained_ = 0;  // changed macroblocks, by the last search for distances
   MoveDistances distances_;  // tried again first
+  MoveMatch match_;
   std::vector<MoveWay> ways_;
   std::vector<service::Rectangle> rectangles_;
   std::vector<service::Rectangle> filledRectangles_;
@@ -96,12 +105,5 @@ inline constexpr int32_t kUnseenTolerance = 4;
 // are. Errors do not add up, since the next search compares with the screen. Returns the number of
 // those macroblocks.
 int32_t adoptMoves(const Picture& before, const Picture& picture, const Moves& moves, Damage& owed);
-
-// Like markDifferentBlocks() with blocks of 8, for differences above the tolerance. The plain one
-// is the measure.
-void markDistantBlocks(const uint8_t* before, const uint8_t* after, int32_t bytes,
-                       int32_t tolerance, uint8_t* distant);
-void markDistantBlocksPlain(const uint8_t* before, const uint8_t* after, int32_t bytes,
-                            int32_t tolerance, uint8_t* distant);
 
 }  // namespace qora::client

@@ -141,7 +141,7 @@ TEST(MoveDetectorTest, LeavesOutWhatIsWrong) {
 TEST(MoveDetectorTest, WideRowsEqualThePlainOnes) {
   std::mt19937 random(6);
   std::vector<uint8_t> samples(400);
-  int32_t anchors = 0, distant = 0;
+  int32_t anchors = 0;
   for (uint32_t round = 0; round < 60; ++round) {
     for (uint8_t& sample : samples)
       sample = static_cast<uint8_t>(round % 3 == 0 ? random() : random() % 4 * 61);
@@ -153,15 +153,9 @@ TEST(MoveDetectorTest, WideRowsEqualThePlainOnes) {
       markAnchorsPlain(a, b, count, plain.data());
       ASSERT_EQ(plain, wide) << count;
       for (const uint64_t marks : plain) anchors += count == 140 ? std::popcount(marks) : 0;
-      std::vector<uint8_t> wideBlocks(20), plainBlocks(20);
-      const auto tolerance = static_cast<int32_t>(round * 6);
-      markDistantBlocks(a, b, count, tolerance, wideBlocks.data());
-      markDistantBlocksPlain(a, b, count, tolerance, plainBlocks.data());
-      ASSERT_EQ(plainBlocks, wideBlocks) << count;
-      for (const uint8_t block : plainBlocks) distant += block;
     }
   }
-  EXPECT_TRUE(anchors > 10 && anchors < 200 && distant > 100);
+  EXPECT_TRUE(anchors > 10 && anchors < 200);
 }
 
 }  // namespace
