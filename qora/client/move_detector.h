@@ -95,11 +95,12 @@ class MoveDetector {
   std::vector<Candidate> candidates_;
 };
 
-// A tolerance that nobody sees, and that text with a tint of colour scrolls within.
-inline constexpr int32_t kUnseenTolerance = 4;
+// A tolerance that nobody sees in what moves: text with a tint of colour scrolls within it, windows
+// with coloured title bars are dragged within it. What stays is put right, see adoptMoves().
+inline constexpr int32_t kUnseenTolerance = 12;
 
 // An odd distance leads between two chroma samples, so coloured text that scrolls by it is nowhere
-// to be found, though its colours are off by next to nothing. This makes the copies in `picture`
+// to be found, though its colours are off by little. This makes the copies in `picture`
 // itself, before it is encoded: they are exact then. `owed` gains the macroblocks where that
 // changed a sample; they are to be read from the screen again, as damage, once they stay where they
 // are. Errors do not add up, since the next search compares with the screen. Returns the number of
