@@ -179,9 +179,13 @@ std::string OptionTable::completion(const std::string& shell) const {
       cases += std::string("    --") + row.text.name + ") COMPREPLY=($(compgen -W \"" +
                joined(row.words, " ") + "\" -- \"$word\")); return ;;\n";
     }
-    // Without an answer the shell completes a file's name, spaces and all.
-    return "_" + program_ + "() {\n  local word=${COMP_WORDS[COMP_CWORD]}\n  COMPREPLY=()\n" +
-           "  case ${COMP_WORDS[COMP_CWORD - 1]} in\n" + cases + "  esac\n" +
+    // The sign in --option=word is a word of its own. Without an answer the shell completes a
+    // file's name, spaces and all.
+    return "_" + program_ +
+           "() {\n  local word=${COMP_WORDS[COMP_CWORD]} at=$((COMP_CWORD - 1))\n" +
+           "  COMPREPLY=()\n  [[ ${COMP_WORDS[at]} != = ]] || ((at -= 1))\n  [[ $word != = ]] || "
+           "word=\n" +
+           "  case ${COMP_WORDS[at]} in\n" + cases + "  esac\n" +
            "  [[ $word != -* ]] || COMPREPLY=($(compgen -W \"" + names + "\" -- \"$word\"))\n}\n" +
            "complete -o default -F _" + program_ + " " + program_ + "\n";
   }

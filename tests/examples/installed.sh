@@ -20,6 +20,9 @@ for program in "$folder/prefix/bin"/*; do
     COMP_WORDS=("$name" --completion b) COMP_CWORD=2
     "_$name"
     [[ ${COMPREPLY[*]} == bash ]]
+    COMP_WORDS=("$name" --completion = z) COMP_CWORD=3
+    "_$name"
+    [[ ${COMPREPLY[*]} == zsh ]]
   )
   [[ $(head -qn1 "$folder"/prefix/share/zsh/*/"_$name") == "#compdef $name" ]]
 done
