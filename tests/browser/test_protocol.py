@@ -9,7 +9,8 @@ import time
 import pytest
 import websocket
 
-from conftest import Viewer, eventually
+from conftest import PATIENCE, Screen, Server, Viewer, eventually
+
 
 def frames(viewer, count):
     """The next binary messages; each is acknowledged."""
@@ -44,6 +45,15 @@ def test_a_frame_says_where_the_picture_is_another(serve, screen):
     comes(112, 112, 80, 64)
     screen.fill(0x996633, 630, 470, 10, 10)
     comes(608, 448, 32, 32)
+
+
+def test_the_screens_end_is_the_servers_even_if_nobody_watches():
+    screen = Screen()
+    server = Server(screen)
+    screen.process.kill()
+    assert server.process.wait(PATIENCE) == 1
+    assert server.says(f"the X server {screen.name} is gone")
+    screen.process.wait()
 
 
 @pytest.mark.parametrize("header", [

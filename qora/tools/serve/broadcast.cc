@@ -72,6 +72,9 @@ void Broadcast::step() {
     lines_.encode(watched(), now);
     takeFrames();
     watchPointer(now);
+  } else {
+    lines_.listen();
+    if (isOver()) return;
   }
   if (now >= nextSecond_) everySecond(now);
   if (lines_.replyDescriptor() != watchedReplies_) {

@@ -91,6 +91,10 @@ bool ScreenLines::takeDamage() {
   return isResized;
 }
 
+void ScreenLines::listen() {
+  if (screen_->dispatch() == -1) end(screen_->problem());
+}
+
 bool ScreenLines::followSize() {
   if (screen_->size() == size_) return false;
   size_ = screen_->size();

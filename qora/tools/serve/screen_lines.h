@@ -54,6 +54,8 @@ class ScreenLines {
   void revive(int64_t now);
   // Takes in what was drawn. True when the screen has another size than before.
   bool takeDamage();
+  // While nobody watches: takes in what the screen's server says, and leaves what was drawn there.
+  void listen();
   // Sends the lines that are watched what they lack, at most as often as the options say.
   void encode(const Watched& watched, int64_t now);
   // 1: the next frame. 0: there is none.
