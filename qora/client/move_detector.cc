@@ -280,6 +280,20 @@ void MoveDetector::addCandidate(const MoveWay& way, const service::Rectangle& re
                           .height = static_cast<uint16_t>(to.height)}});
 }
 
+// Whether what changed may have moved as far as the last time, by a look at every fourth row.
+bool MoveDetector::mayMoveOn(const MoveSearch& search, const Damage& changed) {
+  if (distances_.best().empty()) return false;
+  beginMatch(distances_.best().front(), search.after, match_);
+  match_.ways.clear();  // luma will do
+  int32_t looked = 0;
+  changed.forEachRun([&](int32_t row, int32_t first, int32_t end) {
+    if (row % 4 != 0) return;
+    matchRun(search, row, first, end, match_);
+    looked += end - first;
+  });
+  return match_.luma.count() >= looked / 4;
+}
+
 // Tries the distances one after another. Whether anything moved.
 bool MoveDetector::matchAll(const MoveSearch& search, Damage& remaining) {
   ways_.clear();
@@ -296,7 +310,7 @@ int32_t MoveDetector::find(const Picture& before, const Picture& after, const Da
   if (changed.count() < kFewestMoved) return 0;
   const MoveSearch search = {before, after, tolerance};
   // What scrolls on goes as far as it went, and leaves about as much as it left.
-  const bool anyMoved = matchAll(search, moves.remaining);
+  const bool anyMoved = mayMoveOn(search, changed) && matchAll(search, moves.remaining);
   const int32_t left = moves.remaining.count();
   const bool isAsBefore = std::abs(left - unexplained_) <= unexplained_ / 4;
   const bool isLittle = left <= changed.count() / 16 && left <= 2 * unexplained_;

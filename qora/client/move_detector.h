@@ -80,6 +80,7 @@ class MoveDetector {
     service::RegionCopy copy;
   };
 
+  bool mayMoveOn(const MoveSearch& search, const Damage& changed);
   bool matchAll(const MoveSearch& search, Damage& remaining);
   void match(const MoveSearch& search, const MoveDistance& distance, Damage& remaining);
   void fill(const MoveSearch& search, MoveWay& way);
