@@ -3,8 +3,8 @@
 """Usage: benchmarks/live.py SCENE SERVER SECONDS ROUNDS
 
 Records what goes on on $DISPLAY, whose X server is process SERVER, by several programs in turn, and
-prints a row for each: processor seconds a minute, times those of ffmpeg, kbit/s, and in the typing
-scene how long a change takes from the screen to its access unit.
+prints a row for each: processor seconds a minute, times those of ffmpeg, kbit/s, those after the first
+picture, and in the typing scene how long a change takes from the screen to its access unit.
 """
 
 import ctypes
@@ -14,6 +14,7 @@ import random
 import resource
 import signal
 import statistics
+import struct
 import subprocess
 import sys
 import tempfile
@@ -93,6 +94,13 @@ def access_unit_ends(data):
     return starts[1:] + [len(data)]
 
 
+def first_size(name, data):
+    """Bytes of the first picture: of the screen as it stood, not of what goes on there."""
+    if SUFFIX.get(name) == "":
+        return 32 + 32 + struct.unpack_from("<I", data, 32 + 20)[0]
+    return access_unit_ends(data[:4 << 20])[0]
+
+
 def latencies(data, arrivals, drawn, folder):
     (folder / "clip.264").write_bytes(data)
     seen = subprocess.run(
@@ -110,7 +118,7 @@ def latencies(data, arrivals, drawn, folder):
 
 
 def record(name, clock=None):
-    """Processor seconds, bytes, and each read's end with its time."""
+    """Processor seconds, bytes with and without the first picture, and latencies."""
     folder = pathlib.Path(tempfile.mkdtemp(dir=os.environ.get("TMPDIR")))
     pipe = folder / ("pipe" + SUFFIX.get(name, ".264"))
     os.mkfifo(pipe)
@@ -126,7 +134,7 @@ def record(name, clock=None):
     process.wait()
     used = children_seconds() - before, server_seconds() - server
     found = latencies(bytes(data), arrivals, clock.drawn, folder) if clock else []
-    return used, len(data), found
+    return used, (len(data), len(data) - first_size(name, data)), found
 
 
 def main():
@@ -136,13 +144,14 @@ def main():
     rounds = {name: [] for name in PROGRAMS}
     for _ in range(ROUNDS):
         for name in PROGRAMS:
-            (own, server), size, _ = record(name)
-            rounds[name].append((own + max(server - unwatched, 0), size))
+            (own, server), sizes, _ = record(name)
+            rounds[name].append((own + max(server - unwatched, 0), *sizes))
     minute = 60 / SECONDS
     for name, runs in rounds.items():
         ratio = statistics.median(run[0] / first[0] for run, first in zip(runs, rounds["ffmpeg"]))
-        line = (f"{SCENE:10} {name:20} {statistics.median(run[0] for run in runs) * minute:7.2f} s/min "
-                f"{ratio:6.3f} {statistics.median(run[1] for run in runs) * 8 / 1000 / SECONDS:9.1f} kbit/s")
+        used, size, later = (statistics.median(column) for column in zip(*runs))
+        line = (f"{SCENE:10} {name:20} {used * minute:7.2f} s/min {ratio:6.3f} "
+                f"{size * 8 / 1000 / SECONDS:9.1f} kbit/s {later * 8 / 1000 / SECONDS:9.1f} later")
         if SCENE == "typing" and name in ("ffmpeg", "qora-record"):
             clock = Clock()
             clock.start()

@@ -22,6 +22,6 @@ film() {
   end_jobs
 }
 
-for scene in ${SCENES:-idle typing scrolling flooding dragging video}; do
+for scene in ${SCENES:-idle typing reading scrolling flooding dragging video}; do
   film "$scene" "${1:-10}" "${2:-3}"
 done

@@ -9,10 +9,12 @@ show_sources() {
   cat qora/service/channel.cc qora/service/frame.cc
   sleep infinity
 }
-scroll_sources() { # LINES: so many at once
+# The same lines every ten seconds.
+scroll_sources() { # LINES COLUMNS: so many at once, so wide
   local lines
   while true; do
-    pr --merge --omit-header --page-width=230 <(cat qora/service/*.cc) <(cat qora/client/*.cc) |
+    pr --merge --omit-header --page-width="$2" <(cat qora/service/*.cc) <(cat qora/client/*.cc) |
+      head -n "$((230 * $1))" |
       while mapfile -t -n "$1" lines && [[ ${#lines[@]} -gt 0 ]]; do
         printf '%s\n' "${lines[@]}"
         sleep 0.04
@@ -34,11 +36,23 @@ act_typing() {
 }
 
 windows_of_scrolling() {
-  start_window Reader "${terminal[@]}" -class Reader -geometry 236x64+0+0 \
-    -e bash -c "scroll_sources ${1:-1}"
+  start_window Reader "${terminal[@]}" -class Reader -geometry 236x62+0+0 \
+    -e bash -c "scroll_sources ${1:-1} 230"
   sleep 3 # until the window is full and every line scrolls
 }
 act_scrolling() {
+  sleep infinity
+}
+
+# The same in a window of half the screen, beside another.
+windows_of_reading() {
+  start_window Editor "${terminal[@]}" -class Editor -geometry 110x60+10+20 \
+    -e bash -c show_sources
+  start_window Reader "${terminal[@]}" -class Reader -geometry 110x60+960+20 \
+    -e bash -c "scroll_sources 1 108"
+  sleep 3
+}
+act_reading() {
   sleep infinity
 }
 
